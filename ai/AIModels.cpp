@@ -46,15 +46,24 @@ const std::unordered_map<std::string, std::string> MODELS_MD5SUM_MAP = {
     {"skeleton_body70_3.3", "c32187826353ed1a0a7ad3f190e369b9"},
     {"skeleton_body38_3.4", "6648dc95a81f355fdb5dad6e5569110a"},
     {"skeleton_body38_3.5", "26b5ff926d5f8a83a5d97ace9e9b3b2b"},
-    {"rtmpose-tiny_simcc-aic-coco_pt-aic-coco_420e-256x192-cfc8f33d_20230126", "9b45e736ae372e88061ebf07b9df2a55"},
-    {"rtmpose-s_simcc-aic-coco_pt-aic-coco_420e-256x192-fcb2599b_20230126", "efe75fb37a4795986413061577e57578"},
-    {"rtmpose-m_simcc-aic-coco_pt-aic-coco_420e-256x192-63eb25f7_20230126", "f853ff15c4cef7dfebeb4f3b8247a57a"},
-    {"rtmpose-m_simcc-aic-coco_pt-aic-coco_420e-384x288-a62a0b32_20230228", "8bb7ea3ac1f5e17f0c8124faddd9192f"},
-    {"rtmpose-l_simcc-aic-coco_pt-aic-coco_420e-256x192-f016ffe0_20230126", "469447722f97da0967f30053009387f2"},
-    {"rtmpose-l_simcc-aic-coco_pt-aic-coco_420e-384x288-97d6cb0f_20230228", "1e78721dea4b0f21234b215684d86cba"},
-    {"rtmpose-m_simcc-coco-wholebody_pt-aic-coco_270e-256x192-cd5e845c_20230123", "3f02e15889d0f99c42dfdf0a1c3b4bd8"},
-    {"rtmpose-l_simcc-coco-wholebody_pt-aic-coco_270e-256x192-6f206314_20230124", "e7e6cc10e8dd373323854d9586481777"},
-    {"rtmpose-l_simcc-coco-wholebody_pt-aic-coco_270e-384x288-eaeb96c8_20230125", "a9e6646b50e5c9fcd46f3e6b048a4553"},
+    {"rtmpose-tiny_simcc-aic-coco_pt-aic-coco_420e-256x192-cfc8f33d_20230126",
+     "9b45e736ae372e88061ebf07b9df2a55"},
+    {"rtmpose-s_simcc-aic-coco_pt-aic-coco_420e-256x192-fcb2599b_20230126",
+     "efe75fb37a4795986413061577e57578"},
+    {"rtmpose-m_simcc-aic-coco_pt-aic-coco_420e-256x192-63eb25f7_20230126",
+     "f853ff15c4cef7dfebeb4f3b8247a57a"},
+    {"rtmpose-m_simcc-aic-coco_pt-aic-coco_420e-384x288-a62a0b32_20230228",
+     "8bb7ea3ac1f5e17f0c8124faddd9192f"},
+    {"rtmpose-l_simcc-aic-coco_pt-aic-coco_420e-256x192-f016ffe0_20230126",
+     "469447722f97da0967f30053009387f2"},
+    {"rtmpose-l_simcc-aic-coco_pt-aic-coco_420e-384x288-97d6cb0f_20230228",
+     "1e78721dea4b0f21234b215684d86cba"},
+    {"rtmpose-m_simcc-coco-wholebody_pt-aic-coco_270e-256x192-cd5e845c_20230123",
+     "3f02e15889d0f99c42dfdf0a1c3b4bd8"},
+    {"rtmpose-l_simcc-coco-wholebody_pt-aic-coco_270e-256x192-6f206314_20230124",
+     "e7e6cc10e8dd373323854d9586481777"},
+    {"rtmpose-l_simcc-coco-wholebody_pt-aic-coco_270e-384x288-eaeb96c8_20230125",
+     "a9e6646b50e5c9fcd46f3e6b048a4553"},
     {"dw-ll_ucoco_384", "900c6052f7598b2fc65bff790a0bcc06"},
     {"rtmpose-l_simcc-ucoco_dw-ucoco_270e-256x192-4d6dfc62_20230728", "8c8df3e9a8737692fc114cd6105433ae"},
     {"rtmpose-l_simcc-ucoco_dw-ucoco_270e-384x288-2438fd99_20230728", "ddf033529a5f96cb7963a037119d271b"},
@@ -130,7 +139,8 @@ const std::unordered_map<std::string, std::string> MODELS_MD5SUM_MAP = {
     {"neural_depth_standard_3.1", "b130f537ead497ac82acbe3f631b6b41"},
     {"neural_standard_lr_raft_new_hourglass2", "bf070a5da397db43411392f72241c8c5"},
     {"neural_depth_fast_2.0_rand", "bd5befbb354d169d1d02d3eee7b64c0f"},
-    {"bgnet_low_res_baseline_normal_camnoise_feat_resnet18_simplerecon_torchresnet_fixed2", "543c1bb30b6aef8c307ef847d7f77175"},
+    {"bgnet_low_res_baseline_normal_camnoise_feat_resnet18_simplerecon_torchresnet_fixed2",
+     "543c1bb30b6aef8c307ef847d7f77175"},
     {"neural_baseline_low_res", "83de3feb62c4e0ef17ed91155eb17ac6"},
     {"neural_camnoise_normal_lowres", "85ee8e4eba63a765d0f1e8061d083edc"},
     {"neural_camnoise_normal_highres", "cd742e5cf0f34c5a352c83a0484e07b6"},
@@ -172,35 +182,35 @@ const std::string MODEL_NEURAL_SDK_40_NAME = "neural_depth_2.0";
 const std::string MODEL_NEURAL_FAST_NAME = "neural_depth_fast_3.0";
 
 const std::unordered_map<std::string, int32_t> jetson_model_optim_timing = {
-    {MODEL_SKELETON_BODY31_NAME, 210},      {MODEL_SKELETON_BODY65_NAME, 215},
-    {MODEL_NEURAL_NAME, 800},               {MODEL_OBJECT_NAME_ACCURATE, 140},
-    {MODEL_OBJECT_NAME_MEDIUM, 120},        {MODEL_OBJECT_NAME_FAST, 300},
-    {MODEL_OBJECT_NAME_CROWD, 80},          {MODEL_OBJECT_NAME_CROWD_ACCURATE, 120},
-    {PERSON_REID_MODEL_NAME, 220},          {"unknown", 350}};
+    {MODEL_SKELETON_BODY31_NAME, 210}, {MODEL_SKELETON_BODY65_NAME, 215},
+    {MODEL_NEURAL_NAME, 800},          {MODEL_OBJECT_NAME_ACCURATE, 140},
+    {MODEL_OBJECT_NAME_MEDIUM, 120},   {MODEL_OBJECT_NAME_FAST, 300},
+    {MODEL_OBJECT_NAME_CROWD, 80},     {MODEL_OBJECT_NAME_CROWD_ACCURATE, 120},
+    {PERSON_REID_MODEL_NAME, 220},     {"unknown", 350}};
 const std::unordered_map<std::string, int32_t> linux_model_optim_timing_fp16 = {
-    {MODEL_SKELETON_BODY31_NAME, 130},      {MODEL_SKELETON_BODY65_NAME, 130},
-    {MODEL_NEURAL_NAME, 700},               {MODEL_OBJECT_NAME_ACCURATE, 320},
-    {MODEL_OBJECT_NAME_MEDIUM, 200},        {MODEL_OBJECT_NAME_FAST, 130},
-    {MODEL_OBJECT_NAME_CROWD, 150},         {MODEL_OBJECT_NAME_CROWD_ACCURATE, 150},
-    {PERSON_REID_MODEL_NAME, 140},          {"unknown", 350}};
+    {MODEL_SKELETON_BODY31_NAME, 130}, {MODEL_SKELETON_BODY65_NAME, 130},
+    {MODEL_NEURAL_NAME, 700},          {MODEL_OBJECT_NAME_ACCURATE, 320},
+    {MODEL_OBJECT_NAME_MEDIUM, 200},   {MODEL_OBJECT_NAME_FAST, 130},
+    {MODEL_OBJECT_NAME_CROWD, 150},    {MODEL_OBJECT_NAME_CROWD_ACCURATE, 150},
+    {PERSON_REID_MODEL_NAME, 140},     {"unknown", 350}};
 const std::unordered_map<std::string, int32_t> linux_model_optim_timing_fp32 = {
-    {MODEL_SKELETON_BODY31_NAME, 80},       {MODEL_SKELETON_BODY65_NAME, 80},
-    {MODEL_NEURAL_NAME, 250},               {MODEL_OBJECT_NAME_ACCURATE, 250},
-    {MODEL_OBJECT_NAME_MEDIUM, 230},        {MODEL_OBJECT_NAME_FAST, 220},
-    {MODEL_OBJECT_NAME_CROWD, 130},         {MODEL_OBJECT_NAME_CROWD_ACCURATE, 200},
-    {PERSON_REID_MODEL_NAME, 80},           {"unknown", 250}};
+    {MODEL_SKELETON_BODY31_NAME, 80}, {MODEL_SKELETON_BODY65_NAME, 80},
+    {MODEL_NEURAL_NAME, 250},         {MODEL_OBJECT_NAME_ACCURATE, 250},
+    {MODEL_OBJECT_NAME_MEDIUM, 230},  {MODEL_OBJECT_NAME_FAST, 220},
+    {MODEL_OBJECT_NAME_CROWD, 130},   {MODEL_OBJECT_NAME_CROWD_ACCURATE, 200},
+    {PERSON_REID_MODEL_NAME, 80},     {"unknown", 250}};
 const std::unordered_map<std::string, int32_t> win_model_optim_timing_fp16 = {
-    {MODEL_SKELETON_BODY31_NAME, 370},      {MODEL_SKELETON_BODY65_NAME, 400},
-    {MODEL_NEURAL_NAME, 2000},              {MODEL_OBJECT_NAME_ACCURATE, 1900},
-    {MODEL_OBJECT_NAME_MEDIUM, 1800},       {MODEL_OBJECT_NAME_FAST, 1700},
-    {MODEL_OBJECT_NAME_CROWD, 1700},        {MODEL_OBJECT_NAME_CROWD_ACCURATE, 1700},
-    {PERSON_REID_MODEL_NAME, 310},          {"unknown", 2000}};
+    {MODEL_SKELETON_BODY31_NAME, 370}, {MODEL_SKELETON_BODY65_NAME, 400},
+    {MODEL_NEURAL_NAME, 2000},         {MODEL_OBJECT_NAME_ACCURATE, 1900},
+    {MODEL_OBJECT_NAME_MEDIUM, 1800},  {MODEL_OBJECT_NAME_FAST, 1700},
+    {MODEL_OBJECT_NAME_CROWD, 1700},   {MODEL_OBJECT_NAME_CROWD_ACCURATE, 1700},
+    {PERSON_REID_MODEL_NAME, 310},     {"unknown", 2000}};
 const std::unordered_map<std::string, int32_t> win_model_optim_timing_fp32 = {
-    {MODEL_SKELETON_BODY31_NAME, 140},      {MODEL_SKELETON_BODY65_NAME, 150},
-    {MODEL_NEURAL_NAME, 600},               {MODEL_OBJECT_NAME_ACCURATE, 1900},
-    {MODEL_OBJECT_NAME_MEDIUM, 1800},       {MODEL_OBJECT_NAME_FAST, 1800},
-    {MODEL_OBJECT_NAME_CROWD, 1700},        {MODEL_OBJECT_NAME_CROWD_ACCURATE, 1700},
-    {PERSON_REID_MODEL_NAME, 130},          {"unknown", 1900}};
+    {MODEL_SKELETON_BODY31_NAME, 140}, {MODEL_SKELETON_BODY65_NAME, 150},
+    {MODEL_NEURAL_NAME, 600},          {MODEL_OBJECT_NAME_ACCURATE, 1900},
+    {MODEL_OBJECT_NAME_MEDIUM, 1800},  {MODEL_OBJECT_NAME_FAST, 1800},
+    {MODEL_OBJECT_NAME_CROWD, 1700},   {MODEL_OBJECT_NAME_CROWD_ACCURATE, 1700},
+    {PERSON_REID_MODEL_NAME, 130},     {"unknown", 1900}};
 
 namespace {
 
@@ -223,7 +233,8 @@ const ModelEntry* modelEntry(int model) {
         {"NEURAL DEPTH", &MODEL_NEURAL_NAME, 896, 512},
         {"NEURAL PLUS DEPTH", &MODEL_NEURAL_ACCURATE_NAME, 1920, 1024},
     };
-    if (model < 0 || model >= AI_MODELS_COUNT) return nullptr;
+    if (model < 0 || model >= AI_MODELS_COUNT)
+        return nullptr;
     return &entries[model];
 }
 
@@ -241,7 +252,8 @@ std::string getModelBaseName(int model) {
 
 bool getModelInputSize(int model, int& width, int& height) {
     const ModelEntry* e = modelEntry(model);
-    if (!e) return false;
+    if (!e)
+        return false;
     width = e->width;
     height = e->height;
     return true;

@@ -9,7 +9,7 @@
 
 namespace bh {
 
-enum AI_MODELS {
+enum AI_MODELS : int {
     MULTI_CLASS_DETECTION = 0,
     MULTI_CLASS_MEDIUM_DETECTION = 1,
     MULTI_CLASS_ACCURATE_DETECTION = 2,

@@ -14,41 +14,41 @@ namespace lib {
 
 class InferenceMetadata {
 public:
-    virtual int reserved0() = 0;                                   // 0
-    virtual ~InferenceMetadata() = default;                        // 1
-    virtual int getVersion(int* major, int* minor) = 0;            // 2
-    virtual int reserved3() = 0;                                   // 3
-    virtual int getDeviceKey(int gpuId) = 0;                       // 4: names a GPU in a version name
-    virtual int isModelOptimized(std::string modelName, std::string versionName, int gpuId,
-                                 int inputHeight, bool flag) = 0;  // 5: non-zero when optimised
+    virtual int reserved0() = 0;                         // 0
+    virtual ~InferenceMetadata() = default;              // 1
+    virtual int getVersion(int* major, int* minor) = 0;  // 2
+    virtual int reserved3() = 0;                         // 3
+    virtual int getDeviceKey(int gpuId) = 0;             // 4: names a GPU in a version name
+    virtual int isModelOptimized(std::string modelName, std::string versionName, int gpuId, int inputHeight,
+                                 bool flag) = 0;  // 5: non-zero when optimised
 };
 
 // Object detection, by TensorRT API or ONNX.
 class BoxInferenceModule {
 public:
-    virtual int reserved0() = 0;                // 0
-    virtual ~BoxInferenceModule() = default;    // 1
-    virtual int reserved2() = 0;                // 2
-    virtual int reserved3() = 0;                // 3
-    virtual int reserved4() = 0;                // 4
-    virtual int reserved5() = 0;                // 5
-    virtual int reserved6() = 0;                // 6
-    virtual int reserved7() = 0;                // 7
-    virtual int reserved8() = 0;                // 8
+    virtual int reserved0() = 0;              // 0
+    virtual ~BoxInferenceModule() = default;  // 1
+    virtual int reserved2() = 0;              // 2
+    virtual int reserved3() = 0;              // 3
+    virtual int reserved4() = 0;              // 4
+    virtual int reserved5() = 0;              // 5
+    virtual int reserved6() = 0;              // 6
+    virtual int reserved7() = 0;              // 7
+    virtual int reserved8() = 0;              // 8
     virtual int optimize(std::string modelName, std::string versionName, int gpuId, bool downloadOnly,
-                         bool flag) = 0;        // 9
+                         bool flag) = 0;  // 9
 };
 
 // Networks with a fixed input size: skeleton (PifPaf) and disparity.
 class SizedInferenceModule {
 public:
-    virtual int reserved0() = 0;                  // 0
-    virtual ~SizedInferenceModule() = default;    // 1
-    virtual int reserved2() = 0;                  // 2
-    virtual int reserved3() = 0;                  // 3
-    virtual int reserved4() = 0;                  // 4
-    virtual int reserved5() = 0;                  // 5
-    virtual int reserved6() = 0;                  // 6
+    virtual int reserved0() = 0;                // 0
+    virtual ~SizedInferenceModule() = default;  // 1
+    virtual int reserved2() = 0;                // 2
+    virtual int reserved3() = 0;                // 3
+    virtual int reserved4() = 0;                // 4
+    virtual int reserved5() = 0;                // 5
+    virtual int reserved6() = 0;                // 6
     virtual int optimize(std::string modelName, std::string versionName, int gpuId, bool downloadOnly,
                          bool flag, int width, int height) = 0;  // 7
 };
@@ -56,21 +56,21 @@ public:
 // People re-identification.
 class ReIDInferenceModule {
 public:
-    virtual int reserved0() = 0;                 // 0
-    virtual ~ReIDInferenceModule() = default;    // 1
-    virtual int reserved2() = 0;                 // 2
-    virtual int reserved3() = 0;                 // 3
-    virtual int reserved4() = 0;                 // 4
-    virtual int reserved5() = 0;                 // 5
+    virtual int reserved0() = 0;               // 0
+    virtual ~ReIDInferenceModule() = default;  // 1
+    virtual int reserved2() = 0;               // 2
+    virtual int reserved3() = 0;               // 3
+    virtual int reserved4() = 0;               // 4
+    virtual int reserved5() = 0;               // 5
     virtual int optimize(std::string modelName, std::string versionName, int gpuId, bool downloadOnly,
-                         bool flag) = 0;         // 6
+                         bool flag) = 0;  // 6
 };
 
 // Modules the tool loads but never calls beyond destroying them.
 class InferenceModule {
 public:
-    virtual int reserved0() = 0;             // 0
-    virtual ~InferenceModule() = default;    // 1
+    virtual int reserved0() = 0;           // 0
+    virtual ~InferenceModule() = default;  // 1
 };
 
 // Entry points, exported with C linkage; each takes no argument and returns a
