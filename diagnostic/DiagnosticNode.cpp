@@ -5,12 +5,18 @@
 
 const char* diagnosticLevelKey(DIAGNOSTIC_MESSAGE_LEVEL level) {
     switch (level) {
-        case DIAGNOSTIC_ERROR: return "error";
-        case DIAGNOSTIC_WARNING: return "warning";
-        case DIAGNOSTIC_INFO: return "info";
-        case DIAGNOSTIC_VALID: return "valid";
-        case DIAGNOSTIC_NOT_TESTED: return "notTested";
-        default: return "Unknown";
+        case DIAGNOSTIC_ERROR:
+            return "error";
+        case DIAGNOSTIC_WARNING:
+            return "warning";
+        case DIAGNOSTIC_INFO:
+            return "info";
+        case DIAGNOSTIC_VALID:
+            return "valid";
+        case DIAGNOSTIC_NOT_TESTED:
+            return "notTested";
+        default:
+            return "Unknown";
     }
 }
 
@@ -27,7 +33,8 @@ void DiagnosticNode::addMessage(QJsonObject& result, DIAGNOSTIC_MESSAGE_LEVEL le
 std::vector<std::string> DiagnosticNode::getSpecificMessageList(DIAGNOSTIC_MESSAGE_LEVEL level) {
     std::vector<std::string> texts;
     for (const Message& message : messages) {
-        if (level == DIAGNOSTIC_ALL || message.level == level) texts.push_back(message.text);
+        if (level == DIAGNOSTIC_ALL || message.level == level)
+            texts.push_back(message.text);
     }
     return texts;
 }

@@ -11,6 +11,13 @@ int32_t camera_test_bandwidth_message_level = 0;
 
 DiagnosticRunner::DiagnosticRunner(QObject* parent) : QObject(parent) {}
 
+DiagnosticRunner::~DiagnosticRunner() {
+    stopAndJoin();
+    delete thread;
+    for (std::thread* old : oldThreads_)
+        delete old;
+}
+
 void DiagnosticRunner::runDiagnostic(DiagnosticRunner* self) {
     camera_test_reported_that_USB_should_not_be_tested = false;
     camera_test_thrown_firmware_error = false;
@@ -20,13 +27,16 @@ void DiagnosticRunner::runDiagnostic(DiagnosticRunner* self) {
 
     const std::vector<DiagnosticNode*> nodes = self->nodes;
     for (size_t i = 1; i <= nodes.size(); ++i) {
-        if (!self->running.load(std::memory_order_relaxed)) break;
+        if (!self->running.load(std::memory_order_relaxed))
+            break;
         DiagnosticNode* node = nodes[i - 1];
         QJsonObject nodeResult;
         node->runDiagnostic(nodeResult);
-        if (self->results != nullptr) self->results->insert(QString::fromLatin1(node->name.c_str()), nodeResult);
+        if (self->results != nullptr)
+            self->results->insert(QString::fromLatin1(node->name.c_str()), nodeResult);
         // std::this_thread::sleep_for resumes after an interrupting signal.
-        if (i < nodes.size()) std::this_thread::sleep_for(std::chrono::milliseconds(250));
+        if (i < nodes.size())
+            std::this_thread::sleep_for(std::chrono::milliseconds(250));
     }
     self->finished.store(true, std::memory_order_relaxed);
     emit self->s_diagnosticFinished();
@@ -45,5 +55,6 @@ void DiagnosticRunner::start() {
 
 void DiagnosticRunner::stopAndJoin() {
     running.store(false, std::memory_order_relaxed);
-    if (thread != nullptr && thread->joinable()) thread->join();
+    if (thread != nullptr && thread->joinable())
+        thread->join();
 }

@@ -25,6 +25,8 @@ class DiagnosticRunner : public QObject {
     Q_OBJECT
 public:
     explicit DiagnosticRunner(QObject* parent = nullptr);
+    // Waits for a worker still running and releases the thread objects.
+    ~DiagnosticRunner() override;
 
     // The thread body.
     static void runDiagnostic(DiagnosticRunner* self);
