@@ -1,0 +1,54 @@
+#pragma once
+
+#include <QString>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+// Online update check: fetches the manifest from the download server, tells
+// whether a newer SDK exists and shows the announcements published for this
+// version, each of which the user may hide for good.
+
+// One announcement to show. The dialog has the title, the text, the icon, a
+// check box "Hide" and the buttons "More" (only with a web page) and "Close";
+// "More" opens `webpage`.
+struct UpdateDialog {
+    enum Icon { NoIcon, Information, Warning, Critical, Question };
+    QString title;
+    QString text;
+    QString webpage;
+    Icon icon = NoIcon;
+    bool moreButton = false;
+};
+
+// Shows one dialog modally and answers whether "Hide" was ticked. The core
+// links no widgets, so the GUI installs the presenter (with the font "Nunito
+// Sans", 10 pt, weight 40, QMessageBox and QDesktopServices::openUrl for
+// "More"); without one no dialog is shown and nothing gets hidden.
+using UpdateDialogPresenter = std::function<bool(const UpdateDialog&)>;
+void setUpdateDialogPresenter(UpdateDialogPresenter presenter);
+
+// The SDK version this tool was built for.
+constexpr int KOV_SDK_MAJOR = 4;
+constexpr int KOV_SDK_MINOR = 1;
+constexpr int KOV_SDK_PATCH = 2;
+
+// Whether major.minor.patch is newer than 4.1.2.
+bool isNewerSDKVersion(int major, int minor, int patch);
+
+// "/usr/local/kov/settings/.updates.bin" (under KOV_SYSROOT when set): one
+// line per hidden message, the hex MD5 digest of its text.
+std::string hiddenMessagesPath();
+std::vector<std::string> readHiddenMessages();
+bool writeHiddenMessages(const std::vector<std::string>& digests);
+
+// Hex MD5 digest of a message text (UTF-8).
+std::string messageDigest(const QString& text);
+
+// Fetches the manifest (site::updateManifestUrl(), giving up after
+// site::updateTimeoutMs()) and returns the web page of a newer release, or ""
+// when there is none, no answer or no usable answer. With `silent` false the
+// release announcement and the messages for this version that are not hidden
+// are shown through the presenter; with `silent` true none is shown.
+std::string CheckSDKUpdateOnline(bool silent);
