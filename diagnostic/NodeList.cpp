@@ -1,13 +1,18 @@
 #include "diagnostic/NodeList.h"
 
+#include "diagnostic/AINode.h"
+#include "diagnostic/GPUNode.h"
 #include "diagnostic/ProcessorNode.h"
+#include "diagnostic/SDKNode.h"
 
 std::vector<DiagnosticNode*> buildDiagnosticNodes(bool arCheck) {
-    (void)arCheck;  // read by the "Graphics Card" node
-    // Position 1: "KOV SDK".
+    static SDKNode sdk;              // position 1
     static ProcessorNode processor;  // position 2
-    // Position 3: "Graphics Card", 4: "AI Models", 5: "Camera Test", 6: "Devices".
-    return {&processor};
+    static GPUNode gpu;              // position 3
+    gpu.arCheck = arCheck;
+    static AINode aiModels;  // position 4
+    // Position 5: "Camera Test", 6: "Devices".
+    return {&sdk, &processor, &gpu, &aiModels};
 }
 
 DiagnosticNode* buildRecoverMcuNode() {
