@@ -28,6 +28,13 @@ public:
 
     UsbBus& usb() { return usb_; }
 
+    // Machine-wide failures of the USB library (libusb error codes, 0 = none).
+    struct UsbFaults {
+        int initError = 0;  // libusb_init fails with it
+        int listError = 0;  // libusb_get_device_list fails with it
+    };
+    UsbFaults& usbFaults() { return usbFaults_; }
+
     // Files reached through platform::Sys. Paths are absolute ("/dev/video0").
     void addFile(const std::string& path, std::shared_ptr<DeviceFile> file);
     void addTextFile(const std::string& path, const std::string& text);
@@ -69,6 +76,7 @@ private:
     std::string scenarioFile_;
     std::string name_;
     UsbBus usb_;
+    UsbFaults usbFaults_;
     mutable std::mutex mutex_;
     std::map<std::string, std::shared_ptr<DeviceFile>> files_;
     std::map<int, std::shared_ptr<VideoNode>> videoNodes_;

@@ -100,6 +100,7 @@ public:
     std::vector<uint8_t> ports;             // port path from the root hub, e.g. {1, 3}
     int speed = 3;                          // enum libusb_speed: 2 full, 3 high, 4 super, 5 super plus
     bool attached = true;                   // false: gone from the bus (unplugged, or re-enumerating)
+    int descriptorError = 0;                // libusb error of get_device_descriptor (0: none)
     std::shared_ptr<UsbDeviceModel> model;  // may be null: plain device
 };
 
@@ -254,7 +255,7 @@ private:
     std::vector<std::vector<uint8_t>> writeLog_;
 };
 
-class I2cBus : public DeviceFile {
+class I2cBus : public DeviceFile, public std::enable_shared_from_this<I2cBus> {
 public:
     explicit I2cBus(int number) : number_(number) {}
     std::unique_ptr<OpenFile> open(int flags, int* err) override;
