@@ -107,8 +107,8 @@ bool parseXDisplay(const std::string& display, std::string& host, int& number) {
     if (colon == std::string::npos)
         return false;
     host = display.substr(0, colon);
-    // "host::N" is DECnet; not supported.
-    if (!host.empty() && host.back() == ':')
+    // "host::N" (DECnet) and IPv6 literals are not supported.
+    if (host.find(':') != std::string::npos)
         return false;
     const std::string rest = display.substr(colon + 1);
     size_t i = 0;

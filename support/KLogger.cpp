@@ -39,7 +39,13 @@ std::string homeDirectory() {
     return "";
 }
 
+// Creates the directory and any missing parent (mode 0775); failures are
+// ignored, the directory may well exist.
 void makeDir(const std::string& path) {
+    for (size_t i = 1; i < path.size(); ++i) {
+        if (path[i] == '/')
+            (void)::mkdir(path.substr(0, i).c_str(), 0775);
+    }
     (void)::mkdir(path.c_str(), 0775);
 }
 

@@ -1,0 +1,97 @@
+#include <gtest/gtest.h>
+
+#include <QTemporaryDir>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "diagnostic/DisplayCheck.h"
+
+namespace {
+
+// Saves and clears the display variables for one test.
+class DisplayEnv : public testing::Test {
+protected:
+    void SetUp() override {
+        for (const char* name : kNames) {
+            const char* v = std::getenv(name);
+            saved.push_back(v ? std::make_pair(true, std::string(v)) : std::make_pair(false, std::string()));
+            unsetenv(name);
+        }
+    }
+    void TearDown() override {
+        for (size_t i = 0; i < saved.size(); ++i) {
+            if (saved[i].first)
+                setenv(kNames[i], saved[i].second.c_str(), 1);
+            else
+                unsetenv(kNames[i]);
+        }
+    }
+    static constexpr const char* kNames[] = {"QT_QPA_PLATFORM", "DISPLAY", "WAYLAND_DISPLAY",
+                                             "XDG_RUNTIME_DIR"};
+    std::vector<std::pair<bool, std::string>> saved;
+};
+
+}  // namespace
+
+TEST(XDisplayName, Table) {
+    std::string host;
+    int number = -1;
+    EXPECT_TRUE(parseXDisplay(":0", host, number));
+    EXPECT_EQ(host, "");
+    EXPECT_EQ(number, 0);
+    EXPECT_TRUE(parseXDisplay(":12.1", host, number));
+    EXPECT_EQ(number, 12);
+    EXPECT_TRUE(parseXDisplay("localhost:10.0", host, number));
+    EXPECT_EQ(host, "localhost");
+    EXPECT_EQ(number, 10);
+    EXPECT_TRUE(parseXDisplay("unix:3", host, number));
+    EXPECT_EQ(host, "unix");
+    for (const char* bad : {"", ":", "0", ":x", ":1.x", "host::0", ":99999999999", ":1:2", ":-1"})
+        EXPECT_FALSE(parseXDisplay(bad, host, number)) << bad;
+}
+
+TEST_F(DisplayEnv, NothingSetIsNoDisplay) {
+    EXPECT_FALSE(displayReachable());
+}
+
+TEST_F(DisplayEnv, PlatformsWithoutDisplay) {
+    setenv("QT_QPA_PLATFORM", "offscreen", 1);
+    EXPECT_TRUE(displayReachable());
+    setenv("QT_QPA_PLATFORM", "minimal:enable_fonts", 1);
+    EXPECT_TRUE(displayReachable());
+}
+
+TEST_F(DisplayEnv, XDisplayWithoutServerIsNotReachable) {
+    setenv("DISPLAY", ":97", 1);
+    EXPECT_FALSE(displayReachable());
+    setenv("QT_QPA_PLATFORM", "xcb", 1);
+    EXPECT_FALSE(displayReachable());
+    setenv("DISPLAY", "garbage", 1);
+    EXPECT_FALSE(displayReachable());
+}
+
+TEST_F(DisplayEnv, WaylandSocketThatListensIsReachable) {
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    const std::string path = dir.path().toStdString() + "/wayland-test";
+    setenv("XDG_RUNTIME_DIR", dir.path().toStdString().c_str(), 1);
+    setenv("WAYLAND_DISPLAY", "wayland-test", 1);
+    EXPECT_FALSE(displayReachable());
+
+    const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_GE(fd, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    ASSERT_EQ(listen(fd, 1), 0);
+    EXPECT_TRUE(displayReachable());
+    setenv("QT_QPA_PLATFORM", "wayland", 1);
+    EXPECT_TRUE(displayReachable());
+    close(fd);
+}
