@@ -1,6 +1,7 @@
 #include "bh_input/mcu/IMU/ComplementaryFilter.h"
 
 #include <Eigen/Cholesky>
+#include <Eigen/Geometry>
 #include <cmath>
 #include <iostream>
 #include <limits>
