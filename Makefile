@@ -1,58 +1,81 @@
-# Two entry points: `make run` and `make test`. Both install what is missing,
-# configure and build, then run the diagnosis or the whole suite.
+# Two entry points: `make run` and `make test`. Both install the Debian
+# packages that are missing, configure and build with CMake into build/, then
+# run the diagnosis on this terminal or the whole test suite.
 SHELL := /bin/bash
-JOBS ?= $(shell nproc)
+.SHELLFLAGS := -eu -o pipefail -c
+JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 BUILD ?= build
 ASAN_BUILD ?= build-asan
 TSAN_BUILD ?= build-tsan
+BUILD_TYPE ?= RelWithDebInfo
+CTEST_FLAGS ?= --output-on-failure
 
-DEB_PACKAGES := cmake g++ make pkg-config ccache qtbase5-dev libqt5svg5-dev \
+DEB_PACKAGES := cmake g++ make pkg-config ccache qtbase5-dev \
 	libusb-1.0-0-dev libhidapi-dev libzmq3-dev cppzmq-dev libfmt-dev libspdlog-dev \
 	libbackward-cpp-dev libsimpleini-dev libeigen3-dev libgtest-dev libgmock-dev \
 	libbenchmark-dev libclang-rt-14-dev xvfb fonts-dejavu-core librsvg2-bin
 
-.PHONY: all deps configure build run test unit-test asan-test tsan-test bench clean
+.PHONY: all deps configure build run test unit-test e2e-test asan-test tsan-test bench clean
 
 all: build
 
 # Installs the Debian packages that are missing (apt-get update first, as a
-# fresh machine needs it).
+# fresh machine needs it). Uses sudo when not run as root.
 deps:
-	@missing=""; for p in $(DEB_PACKAGES); do \
-	    dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "install ok installed" || missing="$$missing $$p"; \
+	@missing=""; \
+	for p in $(DEB_PACKAGES); do \
+	    status=$$(dpkg-query -W -f='$${Status}' "$$p" 2>/dev/null || true); \
+	    case "$$status" in *"install ok installed"*) ;; *) missing="$$missing $$p" ;; esac; \
 	done; \
 	if [ -n "$$missing" ]; then \
-	    echo "Installing:$$missing"; \
-	    SUDO=""; [ "$$(id -u)" -ne 0 ] && SUDO=sudo; \
-	    $$SUDO apt-get update -qq && DEBIAN_FRONTEND=noninteractive $$SUDO apt-get install -y -qq $$missing; \
+	    echo "Installing missing packages:$$missing"; \
+	    SUDO=""; \
+	    if [ "$$(id -u)" -ne 0 ]; then \
+	        if command -v sudo >/dev/null; then SUDO=sudo; \
+	        else echo "Missing packages:$$missing -- run as root or install sudo" >&2; exit 1; fi; \
+	    fi; \
+	    $$SUDO apt-get update -qq; \
+	    DEBIAN_FRONTEND=noninteractive $$SUDO apt-get install -y -qq --no-install-recommends $$missing; \
 	fi
 
 configure: deps
-	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) >/dev/null
 
 build: configure
 	@cmake --build $(BUILD) -j $(JOBS)
 
+# The diagnosis in command-line mode; the report is written in the current
+# directory.
 run: build
 	./$(BUILD)/kov_diagnostic -c
 
+# Everything: the normal build's suite (unit, end-to-end, GUI), then the unit
+# tests again under AddressSanitizer and UndefinedBehaviorSanitizer.
+test:
+	@$(MAKE) --no-print-directory unit-test
+	@$(MAKE) --no-print-directory asan-test
+
 unit-test: build
-	cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+	cd $(BUILD) && ctest $(CTEST_FLAGS) -j $(JOBS)
+
+e2e-test: build
+	cd $(BUILD) && ctest $(CTEST_FLAGS) -j $(JOBS) -L e2e
 
 asan-test: deps
 	@cmake -S . -B $(ASAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DKOV_SANITIZE=ON -DKOV_UNIT_ONLY=ON >/dev/null
 	@cmake --build $(ASAN_BUILD) -j $(JOBS)
-	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=0 UBSAN_OPTIONS=print_stacktrace=1 ctest --output-on-failure -j $(JOBS) -L unit -LE nosan
+	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=0:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	    ctest $(CTEST_FLAGS) -j $(JOBS) -L unit -LE nosan
 
 tsan-test: deps
 	@cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DKOV_TSAN=ON -DKOV_UNIT_ONLY=ON >/dev/null
 	@cmake --build $(TSAN_BUILD) -j $(JOBS)
-	cd $(TSAN_BUILD) && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j $(JOBS) -L threads
-
-test: unit-test asan-test
+	cd $(TSAN_BUILD) && TSAN_OPTIONS=halt_on_error=1 ctest $(CTEST_FLAGS) -j $(JOBS) -L threads
 
 bench: build
-	@for b in $(BUILD)/bench/bench_*; do [ -x "$$b" ] && "$$b" --benchmark_repetitions=5 --benchmark_report_aggregates_only=true; done
+	@for b in $(BUILD)/bench/bench_*; do \
+	    if [ -x "$$b" ]; then "$$b" --benchmark_repetitions=5 --benchmark_report_aggregates_only=true; fi; \
+	done
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD)
