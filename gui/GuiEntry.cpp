@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "diagnostic/CommandLine.h"
 #include "gui/mainwindow.h"
 #include "gui/updateDialogs.h"
 
@@ -36,6 +37,9 @@ int runGraphicalMode(int argc, char** argv, bool autoStart, bool arCheck) {
     appArgc = argc;
     QCoreApplication::setAttribute(Qt::AA_EnableHighDpiScaling);
     QApplication app(appArgc, argv);
+    // The application stands: an abort from here on ends the process instead
+    // of falling back to the command line.
+    GUICheck = 0;
     setUpApplicationIdentity();
     installUpdateDialogs();
     auto window = std::make_unique<MainWindow>(nullptr, &app, autoStart, arCheck);
