@@ -17,6 +17,10 @@ FormModel::FormModel(QWidget* parent, bool header) : QWidget(parent), ui(new Ui:
     ui->checkBox_optim->setFont(style->font_small);
     ui->checkBox_optim->setStyleSheet(style->sheet_checkbox);
     ui->checkBox_optim->setCursor(Qt::PointingHandCursor);
+    // Same column widths on every row, so that the boxes line up.
+    ui->horizontalLayout_2->setStretch(0, 1);
+    ui->checkBox_optim->setFixedWidth(130);
+    ui->label_optim->setFixedWidth(80);
     if (header) {
         ui->label_model_name->setText("AI Model name");
         ui->checkBox_optim->setText("Optimize all");

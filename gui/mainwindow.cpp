@@ -66,7 +66,8 @@ void MainWindow::setUp(bool autoStart, const std::vector<DiagnosticNode*>& nodes
     ui->headerCloseButton->setIcon(QIcon(":/images/close_bh_pearl.png"));
     ui->headerCloseButton->setIconSize(QSize(18, 18));
     ui->headerCloseButton->setStyleSheet(
-        "#headerCloseButton{anchors.topMargin: 0; border: none; background: transparent;}");
+        "#headerCloseButton{anchors.topMargin: 0;} "
+        "QPushButton{border: none; background: transparent; padding: 0px;}");
     for (QPushButton* button : {ui->restartButton, ui->helpButton, ui->contactButton, ui->optimButton,
                                 ui->saveButton, ui->closeButton}) {
         button->setStyleSheet(style->sheet_button);
@@ -100,6 +101,7 @@ void MainWindow::setUp(bool autoStart, const std::vector<DiagnosticNode*>& nodes
     ui->saveButton->setEnabled(true);
     ui->optimButton->setEnabled(true);
 
+    ui->diagnosticWidget->setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Expanding);
     nodesLayout = new QVBoxLayout(ui->scrollAreaWidgetContents);
     nodesLayout->setContentsMargins(0, 0, 0, 0);
     nodesLayout->setSpacing(10);

@@ -84,7 +84,7 @@ Style::Style() {
             " padding: 6px 10px;}"
             "QPushButton:hover{background-color: %4; color: %5; border-color: %4;}"
             "QPushButton:pressed{background-color: %6; color: %5; border-color: %6;}"
-            "QPushButton:disabled{background-color: %7; color: %8; border-color: %7;}")
+            "QPushButton:disabled{background-color: %7; color: %8; border-color: %3;}")
             .arg(clr::bh_steel, clr::bh_pearl, clr::bh_charcoal, clr::bh_lime, clr::bh_black,
                  clr::bh_dark_lime, clr::bh_soil, clr::bh_ash);
     sheet_label = labelSheet(clr::bh_pearl);
