@@ -292,8 +292,11 @@ double ComplementaryFilter::lowPassFilter(AxisLowPass& axis, double raw) const {
     if (!(period >= minimum_dt))
         period = minimum_dt;
 
+    // Smoothing factor 1 / (1 / (2 pi fc) / Te + 1), written as r / (r + 1)
+    // with r = 2 pi fc Te: the same value with one division.
     const double derivative = axis.has_previous_raw ? (raw - axis.previous_raw) * dt_inverse : 0.0;
-    const double smoothing = 1.0 / (1.0 / (kTwoPi * derivative_cutoff) / period + 1.0);
+    const double rd = kTwoPi * derivative_cutoff * period;
+    const double smoothing = rd / (rd + 1.0);
     const double smoothed = axis.has_smoothed_derivative
                                 ? smoothing * derivative + (1.0 - smoothing) * axis.smoothed_derivative
                                 : derivative;
@@ -304,7 +307,8 @@ double ComplementaryFilter::lowPassFilter(AxisLowPass& axis, double raw) const {
     // The cutoff rises with the speed of the signal: little lag on fast
     // changes, strong smoothing at rest.
     const double cutoff = cutoff_base + cutoff_slope * std::fabs(smoothed);
-    const double alpha = 1.0 / (1.0 / (kTwoPi * cutoff) / period + 1.0);
+    const double ra = kTwoPi * cutoff * period;
+    const double alpha = ra / (ra + 1.0);
     const double filtered =
         axis.has_previous_raw ? alpha * raw + (1.0 - alpha) * axis.previous_filtered : raw;
 
@@ -440,7 +444,36 @@ void ComplementaryFilter::updateCovariance(float normalisedBeta, double ax, doub
     // Measurement of the quaternion itself (H = I): S = P + R, K = P S^-1.
     const Matrix4 S = P + acc_covariance;
     const Eigen::LLT<Matrix4> llt(S);
-    const Matrix4 K = llt.solve(P).transpose();
+    const Matrix4 L = llt.matrixL();
+    // K^T = S^-1 P by forward and back substitution on each column of P
+    // (Eigen's matrix right-hand-side solver is a blocked general kernel,
+    // several times slower at this size).
+    float inverseDiagonal[4];
+#pragma GCC unroll 4
+    for (int i = 0; i < 4; i++)
+        inverseDiagonal[i] = 1.0f / L(i, i);
+    Matrix4 Kt;
+#pragma GCC unroll 4
+    for (int c = 0; c < 4; c++) {
+        float y[4];
+#pragma GCC unroll 4
+        for (int i = 0; i < 4; i++) {
+            float sum = P(i, c);
+#pragma GCC unroll 4
+            for (int k = 0; k < i; k++)
+                sum -= L(i, k) * y[k];
+            y[i] = sum * inverseDiagonal[i];
+        }
+#pragma GCC unroll 4
+        for (int i = 3; i >= 0; i--) {
+            float sum = y[i];
+#pragma GCC unroll 4
+            for (int k = i + 1; k < 4; k++)
+                sum -= L(k, i) * Kt(k, c);
+            Kt(i, c) = sum * inverseDiagonal[i];
+        }
+    }
+    const Matrix4 K = Kt.transpose();
     const Matrix4 IKH = Matrix4::Identity() - K;
     P = IKH * P * IKH.transpose() + K * acc_covariance * K.transpose();
     P = 0.5f * (P + P.transpose()).eval();
