@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "diagnostic/CommandLine.h"
 #include "diagnostic/DisplayCheck.h"
 
 namespace {
@@ -94,4 +95,43 @@ TEST_F(DisplayEnv, WaylandSocketThatListensIsReachable) {
     setenv("QT_QPA_PLATFORM", "wayland", 1);
     EXPECT_TRUE(displayReachable());
     close(fd);
+}
+
+// The abort fallback re-executes the program with "-c" added. The child here
+// is this test program, run with a filter that selects FallbackChild.
+void abortWhileStarting() {
+    setenv("KOV_TEST_FALLBACK_CHILD", "1", 1);
+    static std::string self = "/proc/self/exe";
+    static std::string filter = "--gtest_filter=FallbackChild.*";
+    static char* args[] = {&self[0], &filter[0], nullptr};
+    GUICheck = 1;
+    installGuiAbortFallback(2, args);
+    std::abort();
+}
+
+void abortOnceTheWindowStands() {
+    static std::string self = "/proc/self/exe";
+    static char* args[] = {&self[0], nullptr};
+    installGuiAbortFallback(1, args);
+    GUICheck = 0;
+    std::abort();
+}
+
+TEST(GuiAbortFallbackDeathTest, AbortWhileStartingReRunsWithCommandLineFlag) {
+    GTEST_FLAG_SET(death_test_style, "fast");
+    EXPECT_EXIT(abortWhileStarting(), testing::ExitedWithCode(42), "");
+}
+
+TEST(GuiAbortFallbackDeathTest, AbortOnceTheWindowStandsEndsWithOne) {
+    GTEST_FLAG_SET(death_test_style, "fast");
+    EXPECT_EXIT(abortOnceTheWindowStands(), testing::ExitedWithCode(1), "");
+}
+
+// Runs only as the re-executed child of the test above.
+TEST(FallbackChild, SeesTheCommandLineFlag) {
+    if (std::getenv("KOV_TEST_FALLBACK_CHILD") == nullptr)
+        GTEST_SKIP() << "only run as a re-executed child";
+    const std::vector<std::string> args = testing::internal::GetArgvs();
+    const bool hasFlag = !args.empty() && args.back() == "-c";
+    std::exit(hasFlag ? 42 : 43);
 }
