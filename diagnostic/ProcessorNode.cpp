@@ -225,7 +225,8 @@ void ProcessorNode::getCPU(QJsonObject& result) {
 
 void ProcessorNode::getOSName(QJsonObject& result) {
     bool ok = false;
-    const std::string issue = readPipe("cat " + shellQuote(utils::sysPath("/etc/issue")), 128, ok);
+    const std::string issue =
+        readPipe("cat " + shellQuote(utils::sysPath("/etc/issue")) + " 2>/dev/null", 128, ok);
     if (!ok) {
         result.insert("OS", QString());
         return;

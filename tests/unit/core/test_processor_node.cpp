@@ -5,6 +5,7 @@
 #include <QTemporaryDir>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -153,6 +154,13 @@ TEST_F(ProcessorFixture, EmptyIssueKeepsTheNotFoundText) {
     writeFile(root + "/etc/issue", "");
     ProcessorNode node;
     EXPECT_EQ(run(node).value("OS").toString(), "Linux Distribution not found");
+}
+
+TEST_F(ProcessorFixture, MissingIssueKeepsTheNotFoundTextQuietly) {
+    ::unlink((root + "/etc/issue").c_str());
+    ProcessorNode node;
+    EXPECT_EQ(run(node).value("OS").toString(), "Linux Distribution not found");
+    EXPECT_EQ(stderrText, "Error: Could not open the file.\n");
 }
 
 TEST_F(ProcessorFixture, NoReleaseFileIsUnknownWithOneErrorLine) {
