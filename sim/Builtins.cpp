@@ -172,16 +172,30 @@ void addVideoNode(const Entry& e, Machine& m) {
 }
 
 void addMcu(const Entry& e, Machine& m) {
-    e.allowOnly(with(kUsbFields, {"interface"}));
-    UsbDevice d = readUsbDevice(e, m, 0x2B03, 0xF681);
+    // The fields of the full MCU model that matter for identity.
+    e.allowOnly({"type", "comment", "name", "model", "vendor_id", "product_id", "firmware", "serial", "bus",
+                 "address", "interface"});
+    std::string model = e.choice("model", {"pico", "tera", "tera_r"}, "pico");
+    UsbDevice d;
+    d.descriptor.vendorId = static_cast<uint16_t>(e.integer("vendor_id", 0x2B03, 0, 0xFFFF));
+    d.descriptor.productId = static_cast<uint16_t>(e.integer("product_id",
+                                                             model == "pico"   ? 0xF681
+                                                             : model == "tera" ? 0xF781
+                                                                               : 0xF881,
+                                                             0, 0xFFFF));
+    d.descriptor.bcdDevice = static_cast<uint16_t>(e.integer("firmware", 0x305, 0, 0xFFFF));
+    d.descriptor.serial = std::to_string(e.integer("serial", 12345678, 0, 0xFFFFFFFFLL));
+    d.bus = static_cast<uint8_t>(e.integer("bus", 1, 1, 255));
+    d.address =
+        static_cast<uint8_t>(e.has("address") ? e.integer("address", 1, 127) : m.usb().nextAddress(d.bus));
+    d.speed = LIBUSB_SPEED_FULL;
+    d.ports = {1};
     auto usb = m.usb().add(d);
     HidIdentity id;
     id.vendorId = d.descriptor.vendorId;
     id.productId = d.descriptor.productId;
     id.releaseNumber = d.descriptor.bcdDevice;
     id.serial = widen(d.descriptor.serial);
-    id.manufacturer = widen(d.descriptor.manufacturer);
-    id.product = widen(d.descriptor.product);
     id.interfaceNumber = static_cast<int>(e.integer("interface", 0, 0, 255));
     m.addHidDevice(std::make_shared<SilentHidDevice>(usb, id));
 }

@@ -1,0 +1,45 @@
+#pragma once
+
+// What is on the bus, seen three ways: the raw USB device list, the V4L2
+// nodes, and (getGrabberList, with the USB session) the usable cameras.
+
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "bh_input/grabber/defines.h"
+
+namespace bh {
+
+// The V4L2 driver a camera node must report.
+extern const char* const capability_driver;
+
+// The device of a (vendor, product) pair; BH_DEVICE_NONE outside the table.
+BH_DEVICE deviceFromUsbIds(int vendor, int product);
+
+// Known devices on USB, in libusb's order, with their address in decimal.
+std::vector<std::pair<BH_DEVICE, std::string>> getUSBDevice();
+
+// The GMSL cameras found by the I2C sweep. Forwards to the lister installed
+// by the GMSL discovery (empty until one is installed).
+std::vector<std::pair<BH_DEVICE, std::string>> getGMSLDevice();
+void setGMSLDeviceLister(std::function<std::vector<std::pair<BH_DEVICE, std::string>>()> lister);
+
+// DEVICE_AVAILABLE, DEVICE_NOT_AVAILABLE or DEVICE_MISSING for camera `id`.
+DEVICE_STATE getGrabberState(int id);
+
+// The number of camera video devices on USB.
+int getNumberOfKOV();
+
+// How many pairs of the list have this device.
+int countOccur(const std::vector<std::pair<BH_DEVICE, std::string>>& list, BH_DEVICE device);
+
+// Finds the id-th camera node (/dev/videoN); sets path_number to N and
+// returns its device, or BH_DEVICE_NONE.
+BH_DEVICE findDevicePath_linux(int& path_number, int id);
+
+// The device of one V4L2 node ("/dev/videoN"), from its sysfs modalias.
+BH_DEVICE getDeviceModelfromPath(std::string path);
+
+}  // namespace bh
