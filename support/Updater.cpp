@@ -126,10 +126,12 @@ std::string messageDigest(const QString& text) {
 
 std::string CheckSDKUpdateOnline(bool silent) {
     QLoggingCategory::setFilterRules("qt.network.ssl.warning=false");
-
     const QByteArray data =
         fetch(QUrl(QString::fromStdString(site::updateManifestUrl())), site::updateTimeoutMs());
+    return evaluateUpdateManifest(data, silent);
+}
 
+std::string evaluateUpdateManifest(const QByteArray& data, bool silent) {
     std::vector<std::string> hidden = readHiddenMessages();
     bool hiddenChanged = false;
     const UpdateDialogPresenter presenter = silent ? UpdateDialogPresenter() : currentPresenter();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QByteArray>
 #include <QString>
 
 #include <functional>
@@ -52,3 +53,9 @@ std::string messageDigest(const QString& text);
 // release announcement and the messages for this version that are not hidden
 // are shown through the presenter; with `silent` true none is shown.
 std::string CheckSDKUpdateOnline(bool silent);
+
+// The part of the check after the fetch: reads the hidden list, judges the
+// manifest text `data` (anything; not JSON or empty reads as nothing newer and
+// no message), shows the dialogs unless `silent`, writes the list back when a
+// message was hidden, and returns the newer release's web page or "".
+std::string evaluateUpdateManifest(const QByteArray& data, bool silent);
