@@ -196,6 +196,19 @@ TEST(IMUStatus, FullScaleAccelerationIsSaturatedAtOrAbove) {
     EXPECT_EQ(h.status, 0u);
 }
 
+TEST(IMUStatus, NonIntegerFullScaleComparesTruncatedSample) {
+    // The sample is truncated, the full scale is not: with 16 g x 9.80665 =
+    // 156.9064 a sample of exactly the full scale reads 156 and stays below.
+    IMUStatus s(1000.f, 156.9064f, 800);
+    s.setLogSink(nullptr, nullptr);
+    s.compute(156.9064f, 0, 0, 0, 0, 0, kStart);
+    EXPECT_EQ(s.status & IMUStatus::SATURATED_ACC, 0u);
+    IMUStatus t(1000.f, 156.9064f, 800);
+    t.setLogSink(nullptr, nullptr);
+    t.compute(157.0f, 0, 0, 0, 0, 0, kStart);
+    EXPECT_EQ(t.status & IMUStatus::SATURATED_ACC, 8u);
+}
+
 TEST(IMUStatus, ShockFlagsAreSummedNotOred) {
     std::vector<std::string> lines;
     IMUStatus one(1000.f, 1000.f, 800);
