@@ -2,6 +2,10 @@
 
 namespace bh {
 const std::string _dir_resources = "resources";
+
+String toString(const AI_MODELS& model) {
+    return String(ai::modelDisplayText(static_cast<int>(model)));
+}
 }  // namespace bh
 
 namespace ai {

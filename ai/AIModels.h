@@ -1,5 +1,7 @@
 #pragma once
 
+#include "bh_input/grabber/String.h"
+
 #include <cstdint>
 #include <string>
 #include <unordered_map>
@@ -26,6 +28,10 @@ enum AI_MODELS : int {
     NEURAL_PLUS_DEPTH = 13,
     LAST = 14
 };
+
+// Display text of a model ("MULTI CLASS DETECTION", ...), "Unknown" for any
+// other value.
+String toString(const AI_MODELS& model);
 
 // Sub-folder of the SDK root that holds the model files.
 extern const std::string _dir_resources;

@@ -36,6 +36,8 @@ TEST(AICatalogue, DisplayTextsOfAllModels) {
 TEST(AICatalogue, OutOfRangeModelIsUnknown) {
     EXPECT_STREQ(ai::modelDisplayText(14), "Unknown");
     EXPECT_STREQ(ai::modelDisplayText(-1), "Unknown");
+    EXPECT_STREQ(bh::toString(static_cast<bh::AI_MODELS>(14)).get(), "Unknown");
+    EXPECT_STREQ(bh::toString(static_cast<bh::AI_MODELS>(-1)).get(), "Unknown");
     EXPECT_EQ(ai::getModelBaseName(14), "");
     EXPECT_EQ(ai::getModelBaseName(-1), "");
     int w = 7, h = 7;
