@@ -71,10 +71,10 @@ inline void parseVersion(const std::string& text, int* parts, int count) {
 
 inline std::vector<Device> devices() {
     std::vector<Device> list;
-    const std::string spec = env("KOV_STANDIN_CUDA_DEVICES");
-    if (spec.empty())
+    const std::string list_text = env("KOV_STANDIN_CUDA_DEVICES");
+    if (list_text.empty())
         return list;
-    for (const std::string& entry : split(spec, ';')) {
+    for (const std::string& entry : split(list_text, ';')) {
         if (entry.empty())
             continue;
         std::vector<std::string> f = split(entry, '|');
