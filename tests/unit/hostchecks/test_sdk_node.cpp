@@ -231,6 +231,21 @@ TEST_F(SdkTest, OutdatedSdkIsAWarningWithTheLink) {
                                  "href='https://example.test/sdk-4.2' style='color: #d9ff42;' >here</a>."});
 }
 
+TEST_F(SdkTest, UpdateServerThatNeverAnswersDoesNotHoldTheNode) {
+    testsupport::LoopbackHttpServer server;
+    server.setSilent();
+    ScopedEnv host("KOV_UPDATE_MANIFEST_HOST", server.host());
+    ScopedEnv timeout("KOV_UPDATE_TIMEOUT_MS", "500");
+    root.installSdkLibrary();
+    SDKNode node;
+    const auto start = std::chrono::steady_clock::now();
+    const QJsonObject r = runFull(node);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    EXPECT_EQ(server.requests(), 1);
+    EXPECT_EQ(r.value("KOV SDK Version (RT)").toString(), "4.1.2");
+    EXPECT_FALSE(hasText(node.getSpecificMessageList(DIAGNOSTIC_WARNING), "Outdated"));
+}
+
 TEST_F(SdkTest, AIComponentsAllRightWaitsAndAddsNothing) {
     root.installAILibrary();
     root.writeFile("/usr/local/kov/resources/objects_performance_3.2.model", "net");
