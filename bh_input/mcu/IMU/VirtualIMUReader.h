@@ -2,6 +2,7 @@
 // GMSL (I2C) back-ends, and the wire types of the MCU's sample stream.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -166,15 +167,16 @@ public:
     virtual void setTSOffset(long offset) = 0;
     virtual void setSwapLR(int swap) = 0;
 
-    // Reader state, shared by all back-ends (plain data, in this order).
+    // Reader state, shared by all back-ends (plain data, in this order). The flags
+    // read by other threads without a lock are atomics (relaxed is enough).
     McuSensorReport current_report{};
     McuSensorReport sensor_data{};  // copy handed out by getSensorData
-    uint8_t is_open = 0;
-    uint8_t is_closed = 1;
-    uint8_t is_running = 0;
-    uint8_t has_new_data = 0;
+    std::atomic<uint8_t> is_open{0};
+    std::atomic<uint8_t> is_closed{1};
+    std::atomic<uint8_t> is_running{0};
+    std::atomic<uint8_t> has_new_data{0};
     uint8_t verbose = 0;
-    uint8_t is_lost = 1;
+    std::atomic<uint8_t> is_lost{1};
     uint8_t is_replay = 0;
     int32_t firmware_version = 0;
     uint32_t serial_number = 0;
@@ -189,7 +191,7 @@ public:
 
     // Recording ("./imu.sid" by default).
     uint8_t allow_recording = 0;
-    uint8_t is_recording = 0;
+    std::atomic<uint8_t> is_recording{0};
     std::string sid_path;
     FILE* sid_file = nullptr;
     float ext_quaternion[7] = {0, 0, 0, 0, 0, 0, 0};
