@@ -254,6 +254,29 @@ void checkReport(const QJsonObject& spec, const QString& caseDir, const QString&
             fail("report nodes are " + keys.join(", ") + ", expected " + wanted.join(", "));
     }
 
+    // "Node/key" paths that must exist (any value), and exact values.
+    const QJsonObject raw = doc.object();
+    auto lookup = [&raw](const QString& path, bool& found) {
+        const int slash = path.indexOf('/');
+        const QJsonObject node = raw.value(path.left(slash)).toObject();
+        found = slash > 0 && node.contains(path.mid(slash + 1));
+        return node.value(path.mid(slash + 1));
+    };
+    for (const QString& path : stringList(spec.value("keys"), vars)) {
+        bool found = false;
+        lookup(path, found);
+        if (!found)
+            fail("the report has no " + path);
+    }
+    const QJsonObject values = spec.value("values").toObject();
+    for (const QString& path : values.keys()) {
+        bool found = false;
+        const QJsonValue value = lookup(path, found);
+        if (!found || value != values.value(path))
+            fail(path + " is " + (found ? compact(value) : QString("absent")) + ", expected " +
+                 compact(values.value(path)));
+    }
+
     const QString expectedName = spec.value("expected").toString();
     if (expectedName.isEmpty())
         return;

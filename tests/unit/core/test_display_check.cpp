@@ -4,8 +4,10 @@
 
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 
@@ -134,4 +136,34 @@ TEST(FallbackChild, SeesTheCommandLineFlag) {
     const std::vector<std::string> args = testing::internal::GetArgvs();
     const bool hasFlag = !args.empty() && args.back() == "-c";
     std::exit(hasFlag ? 42 : 43);
+}
+
+// A real X server (Xvfb, installed with the project's packages) is reachable.
+TEST_F(DisplayEnv, RunningXServerIsReachable) {
+    if (system("command -v Xvfb >/dev/null 2>&1") != 0)
+        GTEST_SKIP() << "Xvfb is not installed";
+    // A display number unlikely to be taken, derived from the process id.
+    const int number = 200 + getpid() % 500;
+    const std::string socketPath = "/tmp/.X11-unix/X" + std::to_string(number);
+    const pid_t server = fork();
+    ASSERT_GE(server, 0);
+    if (server == 0) {
+        const std::string display = ":" + std::to_string(number);
+        execlp("Xvfb", "Xvfb", display.c_str(), "-nolisten", "tcp", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    bool ready = false;
+    for (int i = 0; i < 200 && !ready; ++i) {
+        ready = access(socketPath.c_str(), F_OK) == 0;
+        if (!ready)
+            usleep(50 * 1000);
+    }
+    setenv("DISPLAY", (":" + std::to_string(number)).c_str(), 1);
+    const bool reachable = ready && displayReachable();
+    kill(server, SIGTERM);
+    waitpid(server, nullptr, 0);
+    ASSERT_TRUE(ready) << "Xvfb did not start";
+    EXPECT_TRUE(reachable);
+    // Once the server has gone, the same display is no longer reachable.
+    EXPECT_FALSE(displayReachable());
 }
