@@ -1,9 +1,11 @@
 #include "gui/updateDialogs.h"
 
 #include <QCheckBox>
+#include <QCoreApplication>
 #include <QDesktopServices>
 #include <QFont>
 #include <QPushButton>
+#include <QThread>
 #include <QUrl>
 
 #include "gui/style.h"
@@ -53,7 +55,9 @@ QMessageBox* makeUpdateDialogBox(const UpdateDialog& dialog, QWidget* parent) {
     return box;
 }
 
-bool presentUpdateDialog(const UpdateDialog& dialog) {
+namespace {
+
+bool presentOnGuiThread(const UpdateDialog& dialog) {
     QMessageBox* box = makeUpdateDialogBox(dialog);
     box->exec();
     QAbstractButton* clicked = box->clickedButton();
@@ -62,6 +66,22 @@ bool presentUpdateDialog(const UpdateDialog& dialog) {
     }
     const bool hidden = box->checkBox() != nullptr && box->checkBox()->isChecked();
     delete box;
+    return hidden;
+}
+
+}  // namespace
+
+bool presentUpdateDialog(const UpdateDialog& dialog) {
+    QCoreApplication* app = QCoreApplication::instance();
+    if (app == nullptr)
+        return false;
+    if (QThread::currentThread() == app->thread())
+        return presentOnGuiThread(dialog);
+    // Called from a worker (a check running on the diagnosis thread): widgets
+    // live on the GUI thread, so the box is shown there and this thread waits.
+    bool hidden = false;
+    QMetaObject::invokeMethod(
+        app, [&hidden, &dialog] { hidden = presentOnGuiThread(dialog); }, Qt::BlockingQueuedConnection);
     return hidden;
 }
 

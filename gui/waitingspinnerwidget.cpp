@@ -98,7 +98,8 @@ void WaitingSpinnerWidget::setInnerRadius(int radius) {
 
 void WaitingSpinnerWidget::updateSize() {
     const int size = (_innerRadius + _lineLength) * 2;
-    setFixedSize(size, size);
+    setMinimumSize(size, size);
+    resize(size, size);
 }
 
 void WaitingSpinnerWidget::updatePosition() {
@@ -141,7 +142,7 @@ void WaitingSpinnerWidget::paintEvent(QPaintEvent*) {
     painter.setPen(Qt::NoPen);
     for (int i = 0; i < _numberOfLines; ++i) {
         painter.save();
-        painter.translate(_innerRadius + _lineLength, _innerRadius + _lineLength);
+        painter.translate(width() / 2.0, height() / 2.0);
         const qreal rotateAngle = static_cast<qreal>(360 * i) / static_cast<qreal>(_numberOfLines);
         painter.rotate(rotateAngle);
         painter.translate(_innerRadius, 0);

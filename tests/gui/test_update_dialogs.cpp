@@ -5,7 +5,12 @@
 #include <QTest>
 #include <QTimer>
 
+#include <QElapsedTimer>
+#include <QThread>
+
+#include <atomic>
 #include <memory>
+#include <thread>
 
 #include "gui/updateDialogs.h"
 
@@ -46,6 +51,7 @@ private slots:
     void iconsByType();
     void hideIsReported();
     void closeWithoutHide();
+    void workerThreadCallShowsOnGuiThread();
 };
 
 void TestUpdateDialogs::boxWithPage() {
@@ -106,6 +112,27 @@ void TestUpdateDialogs::closeWithoutHide() {
     dialog.text = "Keep me";
     answer("Close", false);
     QVERIFY(!presentUpdateDialog(dialog));
+}
+
+void TestUpdateDialogs::workerThreadCallShowsOnGuiThread() {
+    UpdateDialog dialog;
+    dialog.title = "From the worker";
+    dialog.text = "Shown on the GUI thread";
+    QThread* boxThread = nullptr;
+    QTimer::singleShot(50, [&boxThread] {
+        if (QWidget* box = QApplication::activeModalWidget())
+            boxThread = box->thread();
+    });
+    answer("Close", true);
+    std::atomic<int> result{-1};
+    std::thread worker([&result, &dialog] { result = presentUpdateDialog(dialog) ? 1 : 0; });
+    QElapsedTimer timer;
+    timer.start();
+    while (result.load() < 0 && timer.elapsed() < 10000)
+        QTest::qWait(10);
+    worker.join();
+    QCOMPARE(result.load(), 1);
+    QCOMPARE(boxThread, QCoreApplication::instance()->thread());
 }
 
 QTEST_MAIN(TestUpdateDialogs)
