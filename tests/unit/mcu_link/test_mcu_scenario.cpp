@@ -2,6 +2,8 @@
 // one, reads its keys, and rejects bad ones with the file and field named.
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "McuTestSupport.h"
 #include "sim/Registry.h"
 #include "sim/Scenario.h"
@@ -109,4 +111,40 @@ TEST(McuScenario, BadEntriesNameTheField) {
             EXPECT_NE(e.field().find(row.field), std::string::npos) << e.field() << " / " << e.what();
         }
     }
+}
+
+TEST(McuScenario, FaultScenarioStreamsThroughTheRecoveryAndTheClockReset) {
+    auto m = sim::loadScenario(std::string(KOV_SOURCE_DIR) + "/sim/mcu/scenarios/kov_tera_mcu_faults.json");
+    auto mcu = onlyMcu(*m);
+    ASSERT_NE(mcu, nullptr);
+    EXPECT_TRUE(mcu->stalled());
+    m->setClock(std::make_shared<sim::SteppedClock>());
+    platform::ScopedBackend scope(sim::makeBackend(m));
+    IMUHidReader r(false, VENDOR, 0xF781);
+    ASSERT_EQ(r.open(0, true, false), 34567890);
+    EXPECT_FALSE(mcu->stalled());
+    ASSERT_TRUE(r.sendStartDataStreamingCommand());
+    uint64_t last = 0;
+    for (int i = 0; i < 3000; ++i) {
+        ASSERT_TRUE(r.updateIMUData(true));
+        if (i > 0) {
+            ASSERT_EQ(r.getCurrentMCUTimeStamp() - last, 2500u) << i;
+        }
+        last = r.getCurrentMCUTimeStamp();
+    }
+    EXPECT_NE(r.accumulated_ts_offset, 0u);
+    EXPECT_FALSE(std::isnan(r.getEnvPressure()));
+}
+
+TEST(McuScenario, LegacyScenarioReadsItsImageDespiteIgnoredRequests) {
+    auto m = sim::loadScenario(std::string(KOV_SOURCE_DIR) + "/sim/mcu/scenarios/kov_pico_mcu_legacy.json");
+    auto mcu = onlyMcu(*m);
+    ASSERT_NE(mcu, nullptr);
+    m->setClock(std::make_shared<sim::SteppedClock>());
+    platform::ScopedBackend scope(sim::makeBackend(m));
+    IMUHidReader r(false, VENDOR, PICO);
+    ASSERT_EQ(r.open(0, true, false), 12345678);
+    EXPECT_TRUE(r.updateEepromMemory(false));
+    EXPECT_EQ(mcu->counters().ignoredRequests, 2);
+    EXPECT_EQ(r.serial_number, 12345678u);
 }
