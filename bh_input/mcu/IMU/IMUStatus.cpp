@@ -18,7 +18,10 @@ void StandardDeviation::update(float value) {
     if (count > 1) {
         const double d = value - mean;
         // Truncated on purpose: deviations below one unit never count.
-        outlier = std::fabs(std::trunc(d)) > 3.0 * std::sqrt(variance);
+        // |t| > 3 sqrt(variance) compared squared (the variance is never
+        // negative here), which spares a square root per entry.
+        const double t = std::trunc(d);
+        outlier = t * t > 9.0 * variance;
         mean += d / count;
         variance += d * d / count - variance / (count - 1);
     }
