@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <random>
 
 #include "diagnostic/CommandLine.h"
 #include "diagnostic/DisplayCheck.h"
@@ -166,4 +167,22 @@ TEST_F(DisplayEnv, RunningXServerIsReachable) {
     EXPECT_TRUE(reachable);
     // Once the server has gone, the same display is no longer reachable.
     EXPECT_FALSE(displayReachable());
+}
+
+TEST(XDisplayName, FuzzedNamesGiveAPortInRangeOrFalse) {
+    std::mt19937 rng(7);
+    const std::string alphabet = ":.0123456789abcunix/-\xff";
+    for (int round = 0; round < 20000; ++round) {
+        std::string name;
+        const size_t len = rng() % 24;
+        for (size_t i = 0; i < len; ++i)
+            name += alphabet[rng() % alphabet.size()];
+        std::string host;
+        int number = -1;
+        if (parseXDisplay(name, host, number)) {
+            EXPECT_GE(number, 0) << name;
+            EXPECT_LE(6000 + number, 65535) << name;
+            EXPECT_EQ(host.find(':'), std::string::npos) << name;
+        }
+    }
 }
