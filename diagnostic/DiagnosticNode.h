@@ -38,12 +38,14 @@ public:
     void addMessage(QJsonObject& result, DIAGNOSTIC_MESSAGE_LEVEL level, std::string text);
     std::vector<std::string> getSpecificMessageList(DIAGNOSTIC_MESSAGE_LEVEL level);
 
-    // Sets percent with a relaxed store (it is polled without a lock).
-    void setPercent(float value) { percent.store(value, std::memory_order_relaxed); }
-    float getPercent() const { return percent.load(std::memory_order_relaxed); }
+    // Percent is polled without a lock. The store releases and the load
+    // acquires, so a watcher that reads 100 also sees every message added
+    // before it (the watchers read `messages` only then).
+    void setPercent(float value) { percent.store(value, std::memory_order_release); }
+    float getPercent() const { return percent.load(std::memory_order_acquire); }
 
     std::string name;
-    // Written by the worker, read by the watchers with no lock: relaxed atomic.
+    // Written by the worker, read by the watchers with no lock: an atomic.
     std::atomic<float> percent{0.f};
     std::vector<Message> messages;
     std::string statusText;

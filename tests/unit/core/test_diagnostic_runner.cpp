@@ -8,6 +8,7 @@
 #include <memory>
 #include <thread>
 
+#include "diagnostic/CommandLine.h"
 #include "diagnostic/DiagnosticRunner.h"
 
 namespace {
@@ -161,4 +162,32 @@ TEST(DiagnosticRunner, DestructorWaitsForTheWorker) {
     // A node that has begun runs to its end before the runner goes.
     EXPECT_TRUE(done.load());
     EXPECT_TRUE(results.contains("A"));
+}
+
+// The command-line watcher's loop: poll every 10 ms while the worker runs,
+// reading each node's messages once it has reached 100.
+TEST(DiagnosticRunner, PollingWatcherSeesEveryNodeFinish) {
+    std::vector<std::unique_ptr<FakeNode>> owned;
+    DiagnosticRunner runner;
+    for (int i = 1; i <= 3; ++i) {
+        owned.push_back(std::make_unique<FakeNode>("Poll " + std::to_string(i)));
+        runner.nodes.push_back(owned.back().get());
+    }
+    QJsonObject results;
+    runner.results = &results;
+    currentNode = nullptr;
+    testing::internal::CaptureStdout();
+    runner.start();
+    while (!runner.finished.load()) {
+        printDiagnosticStatus(runner);
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    printDiagnosticStatus(runner);
+    runner.stopAndJoin();
+    const std::string out = testing::internal::GetCapturedStdout();
+    for (int i = 1; i <= 3; ++i) {
+        const std::string done = "- Running Poll " + std::to_string(i) + " Diagnostic : \033[32mOK  \n";
+        EXPECT_NE(out.find(done), std::string::npos) << i;
+    }
+    EXPECT_EQ(results.size(), 3);
 }
