@@ -306,3 +306,27 @@ TEST(RTMath, PoseFromAccelMag) {
     pose = RTMath::poseFromAccelMag(RTVector3(0, 0, 1), RTVector3(-0.3f, 0.3f, 0));
     EXPECT_FLOAT_EQ(pose.z(), -3 * kPi / 4);
 }
+
+TEST(RTMath, ConvertToVectorTable) {
+    struct Row {
+        unsigned char bytes[2];
+        bool bigEndian;
+        float expected;  // scale 1
+    };
+    const Row rows[] = {
+        {{0x00, 0x00}, false, 0.f},    {{0x00, 0x00}, true, 0.f},       {{0xFF, 0x7F}, false, 32767.f},
+        {{0x7F, 0xFF}, true, 32767.f}, {{0x00, 0x80}, false, -32768.f}, {{0x80, 0x00}, true, -32768.f},
+        {{0x01, 0x00}, false, 1.f},    {{0x01, 0x00}, true, 256.f},     {{0xFE, 0xFF}, false, -2.f},
+        {{0xFF, 0xFE}, true, -2.f},
+    };
+    for (const Row& row : rows) {
+        // The same two bytes on each of the three axes.
+        const unsigned char raw[6] = {row.bytes[0], row.bytes[1], row.bytes[0],
+                                      row.bytes[1], row.bytes[0], row.bytes[1]};
+        RTVector3 v(9, 9, 9);
+        RTMath::convertToVector(raw, v, 1.f, row.bigEndian);
+        for (int i = 0; i < 3; i++)
+            EXPECT_EQ(v.data(i), row.expected)
+                << std::hex << int(row.bytes[0]) << " " << int(row.bytes[1]) << " big " << row.bigEndian;
+    }
+}
