@@ -97,14 +97,14 @@ namespace {
 // writes, but never answers. A full model registered as "mcu" replaces it.
 class SilentHidDevice : public HidDeviceModel {
 public:
-    SilentHidDevice(std::shared_ptr<UsbDevice> usb, HidIdentity id)
-        : usb_(std::move(usb)), id_(std::move(id)) {}
+    SilentHidDevice(Machine& m, std::shared_ptr<UsbDevice> usb, HidIdentity id)
+        : bus_(m.usb()), usb_(std::move(usb)), id_(std::move(id)) {}
     HidIdentity identity() const override {
         HidIdentity id = id_;
-        id.path = hidPath(usb_->bus, usb_->address, id.interfaceNumber);
+        id.path = hidPath(usb_->bus, bus_.addressOf(*usb_), id.interfaceNumber);
         return id;
     }
-    bool present() const override { return usb_->attached; }
+    bool present() const override { return bus_.isAttached(*usb_); }
     int read(unsigned char*, size_t, int timeoutMs) override {
         if (timeoutMs > 0)
             std::this_thread::sleep_for(std::chrono::milliseconds(std::min(timeoutMs, 50)));
@@ -115,6 +115,7 @@ public:
     int getFeatureReport(unsigned char*, size_t) override { return -1; }
 
 private:
+    UsbBus& bus_;  // the machine owns both the bus and this model
     std::shared_ptr<UsbDevice> usb_;
     HidIdentity id_;
 };
@@ -197,7 +198,7 @@ void addMcu(const Entry& e, Machine& m) {
     id.releaseNumber = d.descriptor.bcdDevice;
     id.serial = widen(d.descriptor.serial);
     id.interfaceNumber = static_cast<int>(e.integer("interface", 0, 0, 255));
-    m.addHidDevice(std::make_shared<SilentHidDevice>(usb, id));
+    m.addHidDevice(std::make_shared<SilentHidDevice>(m, usb, id));
 }
 
 void addI2cBus(const Entry& e, Machine& m) {

@@ -119,6 +119,16 @@ void UsbBus::setAddress(const std::shared_ptr<UsbDevice>& device, uint8_t addres
     device->address = address;
 }
 
+bool UsbBus::isAttached(const UsbDevice& device) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return device.attached;
+}
+
+uint8_t UsbBus::addressOf(const UsbDevice& device) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return device.address;
+}
+
 std::string hidPath(uint8_t bus, uint8_t address, int interfaceNumber) {
     char buf[32];
     std::snprintf(buf, sizeof buf, "%04x:%04x:%02x", bus, address, interfaceNumber & 0xFF);
@@ -151,7 +161,7 @@ std::unique_ptr<OpenFile> VideoNode::open(int flags, int* err) {
         *err = ENOENT;
         return nullptr;
     }
-    if (config_.busy) {
+    if (busy_) {
         *err = EBUSY;
         return nullptr;
     }

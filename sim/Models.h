@@ -7,6 +7,7 @@
 #include <linux/videodev2.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -112,8 +113,12 @@ public:
     std::shared_ptr<UsbDevice> find(uint8_t bus, uint8_t address) const;
     // A free address on a bus (the next after the highest in use).
     uint8_t nextAddress(uint8_t bus) const;
+    // Change attachment and address only through these, and read them through
+    // isAttached / addressOf when another thread may change them.
     void setAttached(const std::shared_ptr<UsbDevice>& device, bool attached);
     void setAddress(const std::shared_ptr<UsbDevice>& device, uint8_t address);
+    bool isAttached(const UsbDevice& device) const;
+    uint8_t addressOf(const UsbDevice& device) const;
 
 private:
     mutable std::mutex mutex_;
@@ -185,13 +190,14 @@ struct VideoNodeConfig {
 // OpenFile (which may call VideoNode::baseIoctl for the queries above).
 class VideoNode : public DeviceFile, public std::enable_shared_from_this<VideoNode> {
 public:
-    explicit VideoNode(VideoNodeConfig config) : config_(std::move(config)) {}
+    explicit VideoNode(VideoNodeConfig config) : config_(std::move(config)), busy_(config_.busy) {}
     std::unique_ptr<OpenFile> open(int flags, int* err) override;
     bool present() const override { return present_; }
 
     const VideoNodeConfig& config() const { return config_; }
     void setPresent(bool present) { present_ = present; }
-    void setBusy(bool busy) { config_.busy = busy; }
+    void setBusy(bool busy) { busy_ = busy; }
+    bool busy() const { return busy_; }
     void setExtensionUnit(std::shared_ptr<ExtensionUnitModel> xu) { xu_ = std::move(xu); }
     std::shared_ptr<ExtensionUnitModel> extensionUnit() const { return xu_; }
 
@@ -204,7 +210,8 @@ protected:
 
 private:
     VideoNodeConfig config_;
-    bool present_ = true;
+    std::atomic<bool> present_{true};
+    std::atomic<bool> busy_{false};
     std::shared_ptr<ExtensionUnitModel> xu_;
 };
 

@@ -390,7 +390,7 @@ uint8_t SimUsb::get_bus_number(libusb_device* dev) {
     return ref(dev)->device->bus;
 }
 uint8_t SimUsb::get_device_address(libusb_device* dev) {
-    return ref(dev)->device->address;
+    return machine_->usb().addressOf(*ref(dev)->device);
 }
 int SimUsb::get_device_speed(libusb_device* dev) {
     return ref(dev)->device->speed;
@@ -414,7 +414,7 @@ void SimUsb::unref_device(libusb_device* dev) {
 
 int SimUsb::open(libusb_device* dev, libusb_device_handle** out) {
     DeviceRef* r = ref(dev);
-    if (!r->device->attached)
+    if (!machine_->usb().isAttached(*r->device))
         return LIBUSB_ERROR_NO_DEVICE;
     if (r->device->model) {
         if (int e = r->device->model->open())
@@ -451,7 +451,7 @@ libusb_device* SimUsb::get_device(libusb_device_handle* h) {
 int SimUsb::get_string_descriptor_ascii(libusb_device_handle* h, uint8_t desc_index, unsigned char* data,
                                         int length) {
     const UsbDevice& d = *handle(h)->ref->device;
-    if (!d.attached)
+    if (!machine_->usb().isAttached(d))
         return LIBUSB_ERROR_NO_DEVICE;
     const std::string* s = nullptr;
     if (desc_index == 1)
@@ -472,7 +472,7 @@ int SimUsb::get_string_descriptor_ascii(libusb_device_handle* h, uint8_t desc_in
 
 #define SIM_USB_FORWARD(call)               \
     UsbDevice& d = *handle(h)->ref->device; \
-    if (!d.attached)                        \
+    if (!machine_->usb().isAttached(d))     \
         return LIBUSB_ERROR_NO_DEVICE;      \
     return d.model ? d.model->call : 0
 

@@ -171,11 +171,11 @@ int LiveCameraGrabber::getSensorTemperature(int side) {
 
 int LiveCameraGrabber::getWidth() {
     VirtualGrabber* s = session();
-    return s ? s->getEffectiveWidth() / 2 : 0;
+    return s ? s->getSetupWidth() / 2 : 0;
 }
 int LiveCameraGrabber::getHeight() {
     VirtualGrabber* s = session();
-    return s ? s->getEffectiveHeight() : 0;
+    return s ? s->getSetupHeight() : 0;
 }
 bool LiveCameraGrabber::hasMCU() {
     VirtualGrabber* s = session();

@@ -109,6 +109,9 @@ public:
     void pushError(const std::string& file, int line, const std::string& message);
     const std::vector<std::pair<std::string, std::string>>& getErrors() const { return errors; }
     MODEL getCameraModel() const { return model; }
+    // The side-by-side size asked for in setUp (not the effective one).
+    int getSetupWidth() const { return width; }
+    int getSetupHeight() const { return height; }
 
     VirtualGrabber(const VirtualGrabber&) = delete;
     VirtualGrabber& operator=(const VirtualGrabber&) = delete;

@@ -154,6 +154,8 @@ TEST(LiveCameraGrabber, SetUpDefaultsAndFreshWrappers) {
     EXPECT_EQ(g_fake.fps, 15);
     EXPECT_EQ(g.setUp(id, 1344, 376, 30), 0);
     EXPECT_EQ(g_fake.width, 1344);
+    EXPECT_EQ(g.getWidth(), 672);  // one sensor's width
+    EXPECT_EQ(g.getHeight(), 376);
     EXPECT_EQ(g_fake.built, 2);
     EXPECT_EQ(g.getFrameStatus(), GRABBER_STATE_FRAME);
     EXPECT_EQ(g.getGrabberSettingsValue(GAIN), 7);
