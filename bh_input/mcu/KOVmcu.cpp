@@ -34,6 +34,11 @@ void sleepMicroseconds(int64_t us) {
     platform::clock().sleepFor(std::chrono::microseconds(us));
 }
 
+// Packed record fields go in by value: a reference to them would be misaligned.
+Eigen::Vector3f vec3(float x, float y, float z) {
+    return Eigen::Vector3f(x, y, z);
+}
+
 bool badSerial(int value) {
     return value == 0 || static_cast<unsigned int>(value) == kUnprogrammedSerial;
 }
@@ -215,8 +220,8 @@ void KOVmcu::fillCalibrationFromEeprom() {
         // old raw format: identities, variances in counts, no bias
         const float ka = accel_lsb / kGravity;
         const float kg = gyro_lsb * kDegToRad;
-        calib.acc_var = Eigen::Vector3f(var.acc_var[0] * ka, var.acc_var[1] * ka, var.acc_var[2] * ka);
-        calib.gyro_var = Eigen::Vector3f(var.gyro_var[0] * kg, var.gyro_var[1] * kg, var.gyro_var[2] * kg);
+        calib.acc_var = vec3(var.acc_var[0] * ka, var.acc_var[1] * ka, var.acc_var[2] * ka);
+        calib.gyro_var = vec3(var.gyro_var[0] * kg, var.gyro_var[1] * kg, var.gyro_var[2] * kg);
         calib.setup();
         return;
     }
@@ -225,7 +230,7 @@ void KOVmcu::fillCalibrationFromEeprom() {
     const _extended_acc_calib_data& a = eeprom.ext_acc_calib;
     const bool full_terms = fw <= mcu_fw::LEGACY_MAX || fw > mcu_fw::CROSS_AXIS_ABOVE;
 
-    calib.gyro_scale = Eigen::Vector3f(g.scale[0], g.scale[1], g.scale[2]).asDiagonal();
+    calib.gyro_scale = vec3(g.scale[0], g.scale[1], g.scale[2]).asDiagonal();
     calib.gyro_missalign.setIdentity();
     calib.gyro_missalign(1, 0) = g.misalign[0];
     calib.gyro_missalign(2, 0) = g.misalign[1];
@@ -234,22 +239,22 @@ void KOVmcu::fillCalibrationFromEeprom() {
     calib.gyro_missalign(0, 2) = g.misalign[4];
     calib.gyro_missalign(1, 2) = g.misalign[5];
     if (full_terms) {
-        calib.gyro_bias = Eigen::Vector3f(g.bias[0], g.bias[1], g.bias[2]);
-        calib.gyro_tscale = Eigen::Vector3f(g.temp_scale[0], g.temp_scale[1], g.temp_scale[2]);
-        calib.acc_tscale = Eigen::Vector3f(a.temp_scale[0], a.temp_scale[1], a.temp_scale[2]);
+        calib.gyro_bias = vec3(g.bias[0], g.bias[1], g.bias[2]);
+        calib.gyro_tscale = vec3(g.temp_scale[0], g.temp_scale[1], g.temp_scale[2]);
+        calib.acc_tscale = vec3(a.temp_scale[0], a.temp_scale[1], a.temp_scale[2]);
     }
 
-    calib.acc_scale = Eigen::Vector3f(a.scale[0], a.scale[1], a.scale[2]).asDiagonal();
+    calib.acc_scale = vec3(a.scale[0], a.scale[1], a.scale[2]).asDiagonal();
     calib.acc_missalign.setIdentity();
     calib.acc_missalign(1, 0) = a.misalign[0];
     calib.acc_missalign(2, 0) = a.misalign[1];
     calib.acc_missalign(2, 1) = a.misalign[2];
-    calib.acc_bias = Eigen::Vector3f(a.bias[0], a.bias[1], a.bias[2]);
+    calib.acc_bias = vec3(a.bias[0], a.bias[1], a.bias[2]);
 
-    calib.gyro_var = Eigen::Vector3f(var.gyro_var[0], var.gyro_var[1], var.gyro_var[2]);
-    calib.acc_var = Eigen::Vector3f(var.acc_var[0], var.acc_var[1], var.acc_var[2]);
+    calib.gyro_var = vec3(var.gyro_var[0], var.gyro_var[1], var.gyro_var[2]);
+    calib.acc_var = vec3(var.acc_var[0], var.acc_var[1], var.acc_var[2]);
 
-    Eigen::Vector3f rot(eeprom.cam_imu.rot[0], eeprom.cam_imu.rot[1], eeprom.cam_imu.rot[2]);
+    Eigen::Vector3f rot = vec3(eeprom.cam_imu.rot[0], eeprom.cam_imu.rot[1], eeprom.cam_imu.rot[2]);
     if (fw > mcu_fw::LEGACY_MAX && !rotationVectorUsable(rot)) {
         ::mcu_log::log(::mcu_log::ERR, "Eeprom calib is corrupted {} {} {}", rot.z(), rot.y(), rot.x());
         rot.setZero();

@@ -27,7 +27,9 @@ void KOVmcu::updateCameraIMUcalibration() {
     }
     fusion_bias.setup(calib.gyro_var.x(), calib.gyro_var.y(), calib.gyro_var.z());
 
-    Eigen::Vector3f record(eeprom.cam_imu.rot[0], eeprom.cam_imu.rot[1], eeprom.cam_imu.rot[2]);
+    // packed fields: copied by value
+    const float rx = eeprom.cam_imu.rot[0], ry = eeprom.cam_imu.rot[1], rz = eeprom.cam_imu.rot[2];
+    Eigen::Vector3f record(rx, ry, rz);
     if (!rotationVectorUsable(record)) {
         ::mcu_log::log(::mcu_log::ERR, "Eeprom calib is corrupted {} {} {}", record.z(), record.y(),
                        record.x());

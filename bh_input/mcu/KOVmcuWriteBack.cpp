@@ -1,6 +1,8 @@
 // EEPROM write-back and the operations that take the MCU away from normal
 // running. Each write stops the stream and the fusion thread, sends one record
 // and re-reads the image, so that the mirror shows what the MCU now holds.
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -266,8 +268,15 @@ MCU_STATUS KOVmcu::writeStereoCalibinEEprom(float p0, float p1, float p2, float*
 }
 
 MCU_STATUS KOVmcu::writeStereoCalibinEEprom(_calib_stereo_data& data) {
-    return writeStereoCalibinEEprom(data.params[0], data.params[1], data.params[2], data.block1, data.block2,
-                                    data.block3);
+    // the record is packed: its blocks are copied to aligned arrays first
+    float b1[4], b2[4], b3[4];
+    std::memcpy(b1, reinterpret_cast<const uint8_t*>(&data) + offsetof(_calib_stereo_data, block1),
+                sizeof(b1));
+    std::memcpy(b2, reinterpret_cast<const uint8_t*>(&data) + offsetof(_calib_stereo_data, block2),
+                sizeof(b2));
+    std::memcpy(b3, reinterpret_cast<const uint8_t*>(&data) + offsetof(_calib_stereo_data, block3),
+                sizeof(b3));
+    return writeStereoCalibinEEprom(data.params[0], data.params[1], data.params[2], b1, b2, b3);
 }
 
 MCU_STATUS KOVmcu::writeImuFrequencyinEEprom(_imu_odr rate) {

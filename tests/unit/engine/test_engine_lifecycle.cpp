@@ -181,8 +181,8 @@ TEST(EngineOpen, Firmware0x304TakesTheRateAndRereadsTheImage) {
     EXPECT_EQ(e.engine->open(20123456, false, IMU_ODR_200), MCU_STATUS::SUCCESS);
     EXPECT_EQ(e.reader->countCalls("updateEepromMemory(true)"), 1);
     EXPECT_EQ(e.engine->rate_hz, 200);
-    EXPECT_EQ(e.reader->device_eeprom.imu_odr.odr, IMU_ODR_200);
-    EXPECT_EQ(e.engine->eeprom.imu_odr.odr, IMU_ODR_200);
+    EXPECT_EQ(+e.reader->device_eeprom.imu_odr.odr, IMU_ODR_200);
+    EXPECT_EQ(+e.engine->eeprom.imu_odr.odr, IMU_ODR_200);
 }
 
 TEST(EngineOpen, LegacyFirmwareIsForcedTo800) {
@@ -427,10 +427,10 @@ TEST(EngineClose, PicoOnlineBiasAboveTheLimitIsWrittenAsZero) {
     e.engine->close();
     ASSERT_TRUE(e.observed->destroyed);
     const _bias_data& b = e.observed->device_eeprom.bias;
-    EXPECT_FLOAT_EQ(b.gyro_bias[0], 0.f);
-    EXPECT_FLOAT_EQ(b.gyro_bias[1], 0.05f);
-    EXPECT_FLOAT_EQ(b.gyro_bias[2], -0.3f);
-    EXPECT_FLOAT_EQ(b.acc_bias[0], 0.f);
+    EXPECT_FLOAT_EQ(+b.gyro_bias[0], 0.f);
+    EXPECT_FLOAT_EQ(+b.gyro_bias[1], 0.05f);
+    EXPECT_FLOAT_EQ(+b.gyro_bias[2], -0.3f);
+    EXPECT_FLOAT_EQ(+b.acc_bias[0], 0.f);
     EXPECT_EQ(countOf(e.observed->calls, "sendWriteBiasCommand"), 1);
 }
 
@@ -444,9 +444,9 @@ TEST(EngineClose, OldPicoFirmwareWritesCounts) {
     e.engine->fusion_bias.updated = true;
     e.engine->close();
     const _bias_data& b = e.observed->device_eeprom.bias;
-    EXPECT_NEAR(b.gyro_bias[0], 0.1f, 1e-5f);
-    EXPECT_FLOAT_EQ(b.gyro_bias[1], 0.f);
-    EXPECT_NEAR(b.gyro_bias[2], -0.5f, 1e-5f);
+    EXPECT_NEAR(+b.gyro_bias[0], 0.1f, 1e-5f);
+    EXPECT_FLOAT_EQ(+b.gyro_bias[1], 0.f);
+    EXPECT_NEAR(+b.gyro_bias[2], -0.5f, 1e-5f);
 }
 
 TEST(EngineClose, NothingIsWrittenWithoutAnEstimateOrForOtherDevices) {

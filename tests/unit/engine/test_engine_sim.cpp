@@ -179,7 +179,7 @@ TEST(EngineOnSimulatedMcu, Firmware0x303RunsAt400WithoutRereading) {
     EXPECT_EQ(s.engine->rate_hz, 400);
     EXPECT_GT(reads_after_open, reads_before);
     // the camera records were never read: the rate write refused and nothing re-read them
-    EXPECT_EQ(s.engine->eeprom.calib_stereo.params[0], 0.f);
+    EXPECT_EQ(+s.engine->eeprom.calib_stereo.params[0], 0.f);
 }
 
 TEST(EngineOnSimulatedMcu, NoDeviceGivesHidOpenFailed) {
@@ -194,8 +194,8 @@ TEST(EngineOnSimulatedMcu, WriteBackRoundTrips) {
 
     std::vector<float> bias = {0.01f, -0.02f, 0.03f, 0.1f, -0.2f, 0.3f};
     EXPECT_EQ(s.engine->writeBiasinEEprom(bias, false), MCU_STATUS::SUCCESS);
-    EXPECT_FLOAT_EQ(s.mcu->eeprom().bias.gyro_bias[2], 0.03f);
-    EXPECT_FLOAT_EQ(s.engine->eeprom.bias.acc_bias[1], -0.2f);
+    EXPECT_FLOAT_EQ(+s.mcu->eeprom().bias.gyro_bias[2], 0.03f);
+    EXPECT_FLOAT_EQ(+s.engine->eeprom.bias.acc_bias[1], -0.2f);
 
     std::vector<float> variance = {1e-5f, 2e-5f, 3e-5f, 4e-4f, 5e-4f, 6e-4f};
     EXPECT_EQ(s.engine->writeVarianceinEEprom(variance, false), MCU_STATUS::SUCCESS);
@@ -203,12 +203,12 @@ TEST(EngineOnSimulatedMcu, WriteBackRoundTrips) {
 
     eepromMemoryStrc image;
     ASSERT_EQ(s.engine->readFullEEprom(image), MCU_STATUS::SUCCESS);
-    EXPECT_FLOAT_EQ(image.bias.gyro_bias[0], 0.01f);
-    EXPECT_FLOAT_EQ(image.bias.acc_bias[2], 0.3f);
-    EXPECT_FLOAT_EQ(image.variance.gyro_var[1], 2e-5f);
-    EXPECT_FLOAT_EQ(image.variance.acc_var[2], 6e-4f);
-    EXPECT_EQ(image.serial.serial_prefix, 3);
-    EXPECT_EQ(image.serial.serial_body, 7654321);
+    EXPECT_FLOAT_EQ(+image.bias.gyro_bias[0], 0.01f);
+    EXPECT_FLOAT_EQ(+image.bias.acc_bias[2], 0.3f);
+    EXPECT_FLOAT_EQ(+image.variance.gyro_var[1], 2e-5f);
+    EXPECT_FLOAT_EQ(+image.variance.acc_var[2], 6e-4f);
+    EXPECT_EQ(+image.serial.serial_prefix, 3);
+    EXPECT_EQ(+image.serial.serial_body, 7654321);
     const eepromMemoryStrc device = s.mcu->eeprom();
     EXPECT_EQ(std::memcmp(&image, &device, 671), 0);  // all but the date record
 }
@@ -241,30 +241,30 @@ TEST(EngineOnSimulatedMcu, FullCalibrationAndFormatRoundTrips) {
     eepromMemoryStrc image;
     ASSERT_EQ(s.engine->readFullEEprom(image), MCU_STATUS::SUCCESS);
     for (int r = 0; r < 4; ++r) {
-        EXPECT_FLOAT_EQ(image.calib_mono[2 * r].values[0], 10.f * r + 1.f);
-        EXPECT_FLOAT_EQ(image.calib_mono[2 * r + 1].values[11], 10.f * r + 2.f);
+        EXPECT_FLOAT_EQ(+image.calib_mono[2 * r].values[0], 10.f * r + 1.f);
+        EXPECT_FLOAT_EQ(+image.calib_mono[2 * r + 1].values[11], 10.f * r + 2.f);
     }
-    EXPECT_FLOAT_EQ(image.calib_stereo.params[0], 63.5f);
-    EXPECT_FLOAT_EQ(image.calib_stereo.block2[1], -0.25f);
-    EXPECT_FLOAT_EQ(image.ext_acc_calib.misalign[1], 0.003f);
-    EXPECT_FLOAT_EQ(image.ext_gyro_calib.misalign[4], -0.004f);
-    EXPECT_FLOAT_EQ(image.mag_calib.offset[2], 3.f);
-    EXPECT_FLOAT_EQ(image.barom_calib.scale, 1.f);
-    EXPECT_FLOAT_EQ(image.barom_calib.offset, 0.f);
-    EXPECT_FLOAT_EQ(image.variance.acc_var[0], 2e-4f);
-    EXPECT_FLOAT_EQ(image.bias.acc_bias[2], -0.05f);
+    EXPECT_FLOAT_EQ(+image.calib_stereo.params[0], 63.5f);
+    EXPECT_FLOAT_EQ(+image.calib_stereo.block2[1], -0.25f);
+    EXPECT_FLOAT_EQ(+image.ext_acc_calib.misalign[1], 0.003f);
+    EXPECT_FLOAT_EQ(+image.ext_gyro_calib.misalign[4], -0.004f);
+    EXPECT_FLOAT_EQ(+image.mag_calib.offset[2], 3.f);
+    EXPECT_FLOAT_EQ(+image.barom_calib.scale, 1.f);
+    EXPECT_FLOAT_EQ(+image.barom_calib.offset, 0.f);
+    EXPECT_FLOAT_EQ(+image.variance.acc_var[0], 2e-4f);
+    EXPECT_FLOAT_EQ(+image.bias.acc_bias[2], -0.05f);
 
     // format: new serial, factory defaults; prefix 3 gives a stereo value of 60
     ASSERT_EQ(s.engine->formatFullEEprom(3, 1111), MCU_STATUS::SUCCESS);
     ASSERT_EQ(s.engine->readFullEEprom(image), MCU_STATUS::SUCCESS);
-    EXPECT_EQ(image.serial.serial_prefix, 3);
-    EXPECT_EQ(image.serial.serial_body, 1111);
-    EXPECT_FLOAT_EQ(image.calib_stereo.params[0], 60.f);
-    EXPECT_FLOAT_EQ(image.calib_mono[6].values[3], 188.f);
-    EXPECT_FLOAT_EQ(image.calib_mono[1].values[2], 1104.f);
-    EXPECT_FLOAT_EQ(image.bias.gyro_bias[2], 0.f);
-    EXPECT_FLOAT_EQ(image.ext_gyro_calib.scale[0], 1.f);
-    EXPECT_FLOAT_EQ(image.ext_gyro_calib.misalign[4], 0.f);
+    EXPECT_EQ(+image.serial.serial_prefix, 3);
+    EXPECT_EQ(+image.serial.serial_body, 1111);
+    EXPECT_FLOAT_EQ(+image.calib_stereo.params[0], 60.f);
+    EXPECT_FLOAT_EQ(+image.calib_mono[6].values[3], 188.f);
+    EXPECT_FLOAT_EQ(+image.calib_mono[1].values[2], 1104.f);
+    EXPECT_FLOAT_EQ(+image.bias.gyro_bias[2], 0.f);
+    EXPECT_FLOAT_EQ(+image.ext_gyro_calib.scale[0], 1.f);
+    EXPECT_FLOAT_EQ(+image.ext_gyro_calib.misalign[4], 0.f);
 }
 
 TEST(EngineOnSimulatedMcu, LegacyWriteGoesThroughTheEchoLoop) {
@@ -277,16 +277,16 @@ TEST(EngineOnSimulatedMcu, LegacyWriteGoesThroughTheEchoLoop) {
     EXPECT_EQ(s.engine->writeBiasinEEprom(bias, false), MCU_STATUS::SUCCESS);
     EXPECT_GT(s.mcu->counters().legacyRequests, requests_before);
     EXPECT_EQ(s.mcu->counters().featureWrites, feature_writes_before);  // no feature report on legacy
-    EXPECT_FLOAT_EQ(s.mcu->eeprom().bias.gyro_bias[2], -0.006f);
+    EXPECT_FLOAT_EQ(+s.mcu->eeprom().bias.gyro_bias[2], -0.006f);
     // re-read through the legacy burst
-    EXPECT_FLOAT_EQ(s.engine->imu_reader->eeprom.bias.gyro_bias[1], 0.005f);
+    EXPECT_FLOAT_EQ(+s.engine->imu_reader->eeprom.bias.gyro_bias[1], 0.005f);
     EXPECT_EQ(s.engine->writeKlibinEEprom(0.01f, 0.02f, 0.03f, false), MCU_STATUS::SUCCESS);
-    EXPECT_FLOAT_EQ(s.mcu->eeprom().cam_imu.rot[1], 0.02f);
+    EXPECT_FLOAT_EQ(+s.mcu->eeprom().cam_imu.rot[1], 0.02f);
     // format on 0x300 goes through the erase; legacy has no barometer record
     const int requests = s.mcu->counters().legacyRequests;
     EXPECT_EQ(s.engine->formatFullEEprom(2, 4242), MCU_STATUS::FAILURE);
     EXPECT_GT(s.mcu->counters().legacyRequests, requests);
-    EXPECT_EQ(s.mcu->eeprom().serial.serial_body, 4242);
+    EXPECT_EQ(+s.mcu->eeprom().serial.serial_body, 4242);
 }
 
 TEST(EngineOnSimulatedMcu, FormatOn0x301SkipsTheErase) {
@@ -295,8 +295,8 @@ TEST(EngineOnSimulatedMcu, FormatOn0x301SkipsTheErase) {
     const int requests = s.mcu->counters().legacyRequests;
     EXPECT_EQ(s.engine->formatFullEEprom(0, 99), MCU_STATUS::SUCCESS);
     EXPECT_EQ(s.mcu->counters().legacyRequests, requests);
-    EXPECT_EQ(s.mcu->eeprom().serial.serial_body, 99);
-    EXPECT_FLOAT_EQ(s.mcu->eeprom().calib_stereo.params[0], 120.f);
+    EXPECT_EQ(+s.mcu->eeprom().serial.serial_body, 99);
+    EXPECT_FLOAT_EQ(+s.mcu->eeprom().calib_stereo.params[0], 120.f);
 }
 
 TEST(EngineOnSimulatedMcu, CalibrationProceduresAndRetrimming) {
@@ -333,8 +333,8 @@ TEST(EngineOnSimulatedMcu, CloseWritesTheOnlineBias) {
     s.engine->fusion_bias.bias[2] = -0.001f;
     s.engine->fusion_bias.updated = true;
     s.engine->close();
-    EXPECT_FLOAT_EQ(s.mcu->eeprom().bias.gyro_bias[0], 0.f);
-    EXPECT_FLOAT_EQ(s.mcu->eeprom().bias.gyro_bias[1], 0.002f);
-    EXPECT_FLOAT_EQ(s.mcu->eeprom().bias.gyro_bias[2], -0.001f);
-    EXPECT_FLOAT_EQ(s.mcu->eeprom().bias.acc_bias[0], 0.f);
+    EXPECT_FLOAT_EQ(+s.mcu->eeprom().bias.gyro_bias[0], 0.f);
+    EXPECT_FLOAT_EQ(+s.mcu->eeprom().bias.gyro_bias[1], 0.002f);
+    EXPECT_FLOAT_EQ(+s.mcu->eeprom().bias.gyro_bias[2], -0.001f);
+    EXPECT_FLOAT_EQ(+s.mcu->eeprom().bias.acc_bias[0], 0.f);
 }

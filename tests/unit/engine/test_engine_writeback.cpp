@@ -35,14 +35,14 @@ TEST(EngineWriteBack, BiasRoundTripRestartsTheStream) {
     ASSERT_TRUE(e.engine->startCapture(0.f));
     std::vector<float> values = {0.01f, -0.02f, 0.03f, 0.1f, 0.2f, -0.3f};
     EXPECT_EQ(e.engine->writeBiasinEEprom(values, false), MCU_STATUS::SUCCESS);
-    EXPECT_FALSE(e.engine->running);                              // the capture stays stopped
-    EXPECT_TRUE(e.reader->streaming);                             // the stream was on: it is on again
-    EXPECT_FLOAT_EQ(e.reader->eeprom.bias.gyro_bias[1], -0.02f);  // re-read
-    EXPECT_FLOAT_EQ(e.engine->eeprom.bias.acc_bias[2], -0.3f);
+    EXPECT_FALSE(e.engine->running);                               // the capture stays stopped
+    EXPECT_TRUE(e.reader->streaming);                              // the stream was on: it is on again
+    EXPECT_FLOAT_EQ(+e.reader->eeprom.bias.gyro_bias[1], -0.02f);  // re-read
+    EXPECT_FLOAT_EQ(+e.engine->eeprom.bias.acc_bias[2], -0.3f);
     const eepromMemoryStrc image = readBack(*e.engine);
-    EXPECT_EQ(image.bias.id, 0x34);
-    EXPECT_FLOAT_EQ(image.bias.gyro_bias[0], 0.01f);
-    EXPECT_FLOAT_EQ(image.bias.acc_bias[1], 0.2f);
+    EXPECT_EQ(+image.bias.id, 0x34);
+    EXPECT_FLOAT_EQ(+image.bias.gyro_bias[0], 0.01f);
+    EXPECT_FLOAT_EQ(+image.bias.acc_bias[1], 0.2f);
 }
 
 TEST(EngineWriteBack, KeepStoppedSkipsTheReread) {
@@ -52,10 +52,10 @@ TEST(EngineWriteBack, KeepStoppedSkipsTheReread) {
     std::vector<float> values = {1e-4f, 2e-4f, 3e-4f, 4e-4f, 5e-4f, 6e-4f};
     EXPECT_EQ(e.engine->writeVarianceinEEprom(values, true), MCU_STATUS::SUCCESS);
     EXPECT_EQ(e.reader->countCalls("updateEepromMemory(false)"), 0);
-    EXPECT_FLOAT_EQ(e.reader->eeprom.variance.gyro_var[0], 0.f);  // mirror still old
+    EXPECT_FLOAT_EQ(+e.reader->eeprom.variance.gyro_var[0], 0.f);  // mirror still old
     const eepromMemoryStrc image = readBack(*e.engine);
-    EXPECT_FLOAT_EQ(image.variance.gyro_var[0], 1e-4f);
-    EXPECT_FLOAT_EQ(image.variance.acc_var[2], 6e-4f);
+    EXPECT_FLOAT_EQ(+image.variance.gyro_var[0], 1e-4f);
+    EXPECT_FLOAT_EQ(+image.variance.acc_var[2], 6e-4f);
 }
 
 TEST(EngineWriteBack, VarianceRecordIsRepacked) {
@@ -63,8 +63,8 @@ TEST(EngineWriteBack, VarianceRecordIsRepacked) {
     ASSERT_EQ(e.opened, MCU_STATUS::SUCCESS);
     variance_data v{0x35, {1.f, 2.f, 3.f}, {4.f, 5.f, 6.f}};
     EXPECT_EQ(e.engine->writeVarianceinEEprom(v, false), MCU_STATUS::SUCCESS);
-    EXPECT_FLOAT_EQ(e.reader->eeprom.variance.gyro_var[2], 3.f);
-    EXPECT_FLOAT_EQ(e.reader->eeprom.variance.acc_var[0], 4.f);
+    EXPECT_FLOAT_EQ(+e.reader->eeprom.variance.gyro_var[2], 3.f);
+    EXPECT_FLOAT_EQ(+e.reader->eeprom.variance.acc_var[0], 4.f);
 }
 
 TEST(EngineWriteBack, SerialKlibBarometerMagAndExtendedRecords) {
@@ -88,15 +88,15 @@ TEST(EngineWriteBack, SerialKlibBarometerMagAndExtendedRecords) {
     EXPECT_EQ(e.engine->writeImuFrequencyinEEprom(IMU_ODR_800), MCU_STATUS::SUCCESS);
 
     const eepromMemoryStrc image = readBack(*e.engine);
-    EXPECT_EQ(image.serial.serial_prefix, 3);
-    EXPECT_EQ(image.serial.serial_body, 654321);
-    EXPECT_FLOAT_EQ(image.cam_imu.rot[2], 0.03f);
-    EXPECT_FLOAT_EQ(image.barom_calib.scale, 1.25f);
-    EXPECT_FLOAT_EQ(image.barom_calib.offset, -4.f);
-    EXPECT_FLOAT_EQ(image.mag_calib.offset[1], -2.f);
-    EXPECT_FLOAT_EQ(image.ext_gyro_calib.misalign[5], 0.003f);
-    EXPECT_FLOAT_EQ(image.ext_acc_calib.bias[2], 0.05f);
-    EXPECT_EQ(image.imu_odr.odr, IMU_ODR_800);
+    EXPECT_EQ(+image.serial.serial_prefix, 3);
+    EXPECT_EQ(+image.serial.serial_body, 654321);
+    EXPECT_FLOAT_EQ(+image.cam_imu.rot[2], 0.03f);
+    EXPECT_FLOAT_EQ(+image.barom_calib.scale, 1.25f);
+    EXPECT_FLOAT_EQ(+image.barom_calib.offset, -4.f);
+    EXPECT_FLOAT_EQ(+image.mag_calib.offset[1], -2.f);
+    EXPECT_FLOAT_EQ(+image.ext_gyro_calib.misalign[5], 0.003f);
+    EXPECT_FLOAT_EQ(+image.ext_acc_calib.bias[2], 0.05f);
+    EXPECT_EQ(+image.imu_odr.odr, IMU_ODR_800);
     EXPECT_EQ(e.engine->getMCUSerialNumber(), 30654321);
 }
 
@@ -110,14 +110,14 @@ TEST(EngineWriteBack, MonoAndStereoRereadTheCameraRecords) {
     mono.values[11] = -1.f;
     EXPECT_EQ(e.engine->writeMonoCalibinEEprom(3, 1, mono), MCU_STATUS::SUCCESS);
     EXPECT_EQ(e.reader->countCalls("updateEepromMemory(true)"), 1);
-    EXPECT_EQ(e.reader->eeprom.calib_mono[7].id, 0x3E);
-    EXPECT_FLOAT_EQ(e.reader->eeprom.calib_mono[7].values[11], -1.f);
+    EXPECT_EQ(+e.reader->eeprom.calib_mono[7].id, 0x3E);
+    EXPECT_FLOAT_EQ(+e.reader->eeprom.calib_mono[7].values[11], -1.f);
     _calib_stereo_data stereo;
     std::memset(&stereo, 0, sizeof(stereo));
     stereo.params[0] = 120.f;
     stereo.block3[3] = 0.5f;
     EXPECT_EQ(e.engine->writeStereoCalibinEEprom(stereo), MCU_STATUS::SUCCESS);
-    EXPECT_FLOAT_EQ(e.reader->eeprom.calib_stereo.block3[3], 0.5f);
+    EXPECT_FLOAT_EQ(+e.reader->eeprom.calib_stereo.block3[3], 0.5f);
     EXPECT_EQ(e.engine->writeMonoCalibinEEprom(4, 0, mono), MCU_STATUS::FAILURE);  // no such record
     EXPECT_EQ(e.engine->writeStereoCalibinEEprom(1.f, 2.f, 3.f, nullptr, nullptr, nullptr),
               MCU_STATUS::FAILURE);
@@ -212,17 +212,17 @@ TEST(EngineWriteBack, FullCalibrationRoundTrip) {
               MCU_STATUS::SUCCESS);
     const eepromMemoryStrc image = readBack(*e.engine);
     for (int r = 0; r < 4; ++r) {
-        EXPECT_FLOAT_EQ(image.calib_mono[2 * r].values[0], 100.f * r + 1.f);
-        EXPECT_FLOAT_EQ(image.calib_mono[2 * r + 1].values[0], 100.f * r + 2.f);
+        EXPECT_FLOAT_EQ(+image.calib_mono[2 * r].values[0], 100.f * r + 1.f);
+        EXPECT_FLOAT_EQ(+image.calib_mono[2 * r + 1].values[0], 100.f * r + 2.f);
     }
-    EXPECT_FLOAT_EQ(image.calib_stereo.params[0], 119.9f);
-    EXPECT_FLOAT_EQ(image.barom_calib.scale, 1.f);
-    EXPECT_FLOAT_EQ(image.barom_calib.offset, 0.f);
-    EXPECT_FLOAT_EQ(image.ext_acc_calib.misalign[2], 0.002f);
-    EXPECT_FLOAT_EQ(image.ext_gyro_calib.temp_scale[1], 0.004f);
-    EXPECT_FLOAT_EQ(image.mag_calib.offset[2], 1.f);
-    EXPECT_FLOAT_EQ(image.variance.acc_var[0], 2e-5f);
-    EXPECT_FLOAT_EQ(image.bias.gyro_bias[2], 0.003f);
+    EXPECT_FLOAT_EQ(+image.calib_stereo.params[0], 119.9f);
+    EXPECT_FLOAT_EQ(+image.barom_calib.scale, 1.f);
+    EXPECT_FLOAT_EQ(+image.barom_calib.offset, 0.f);
+    EXPECT_FLOAT_EQ(+image.ext_acc_calib.misalign[2], 0.002f);
+    EXPECT_FLOAT_EQ(+image.ext_gyro_calib.temp_scale[1], 0.004f);
+    EXPECT_FLOAT_EQ(+image.mag_calib.offset[2], 1.f);
+    EXPECT_FLOAT_EQ(+image.variance.acc_var[0], 2e-5f);
+    EXPECT_FLOAT_EQ(+image.bias.gyro_bias[2], 0.003f);
     // the order of the steps
     const std::vector<std::string> calls = e.reader->calls();
     std::vector<std::string> writes;
@@ -273,24 +273,24 @@ TEST(EngineWriteBack, FormatWritesFactoryDefaults) {
     EXPECT_EQ(e.engine->formatFullEEprom(2, 777), MCU_STATUS::SUCCESS);
     EXPECT_EQ(e.reader->countCalls("sendEraseCommandwithSN"), 0);  // 0x301 and above: no erase
     const eepromMemoryStrc image = readBack(*e.engine);
-    EXPECT_EQ(image.serial.serial_prefix, 2);
-    EXPECT_EQ(image.serial.serial_body, 777);
-    EXPECT_FLOAT_EQ(image.bias.gyro_bias[0], 0.f);
-    EXPECT_FLOAT_EQ(image.calib_stereo.params[0], 120.f);
+    EXPECT_EQ(+image.serial.serial_prefix, 2);
+    EXPECT_EQ(+image.serial.serial_body, 777);
+    EXPECT_FLOAT_EQ(+image.bias.gyro_bias[0], 0.f);
+    EXPECT_FLOAT_EQ(+image.calib_stereo.params[0], 120.f);
     const float expected[4][4] = {
         {1400, 1400, 1104, 621}, {1400, 1400, 960, 540}, {700, 700, 640, 360}, {350, 350, 336, 188}};
     for (int r = 0; r < 4; ++r) {
         for (int side = 0; side < 2; ++side) {
             for (int i = 0; i < 4; ++i) {
-                EXPECT_FLOAT_EQ(image.calib_mono[2 * r + side].values[i], expected[r][i]);
+                EXPECT_FLOAT_EQ(+image.calib_mono[2 * r + side].values[i], expected[r][i]);
             }
-            EXPECT_FLOAT_EQ(image.calib_mono[2 * r + side].values[4], 0.f);
+            EXPECT_FLOAT_EQ(+image.calib_mono[2 * r + side].values[4], 0.f);
         }
     }
-    EXPECT_FLOAT_EQ(image.barom_calib.scale, 1.f);
-    EXPECT_FLOAT_EQ(image.ext_acc_calib.scale[1], 1.f);
-    EXPECT_FLOAT_EQ(image.ext_gyro_calib.scale[2], 1.f);
-    EXPECT_FLOAT_EQ(image.ext_gyro_calib.bias[0], 0.f);
+    EXPECT_FLOAT_EQ(+image.barom_calib.scale, 1.f);
+    EXPECT_FLOAT_EQ(+image.ext_acc_calib.scale[1], 1.f);
+    EXPECT_FLOAT_EQ(+image.ext_gyro_calib.scale[2], 1.f);
+    EXPECT_FLOAT_EQ(+image.ext_gyro_calib.bias[0], 0.f);
 }
 
 TEST(EngineWriteBack, FormatPrefixMaskGivesTheStereoValue) {
@@ -299,7 +299,7 @@ TEST(EngineWriteBack, FormatPrefixMaskGivesTheStereoValue) {
         ASSERT_EQ(e.opened, MCU_STATUS::SUCCESS);
         EXPECT_EQ(e.engine->formatFullEEprom(prefix, 5), MCU_STATUS::SUCCESS);
         const float expected = (prefix == 0 || prefix == 2) ? 120.f : 60.f;
-        EXPECT_FLOAT_EQ(e.reader->eeprom.calib_stereo.params[0], expected) << prefix;
+        EXPECT_FLOAT_EQ(+e.reader->eeprom.calib_stereo.params[0], expected) << prefix;
     }
 }
 
@@ -314,7 +314,7 @@ TEST(EngineWriteBack, FormatOnLegacyFirmwareErasesFirst) {
     EXPECT_EQ(countOf(calls, "sendEraseCommandwithSN"), 1);
     EXPECT_EQ(countOf(calls, "sendWriteSNCommand"), 1);
     EXPECT_EQ(countOf(calls, "sendWriteCalibMonoCommand"), 8);
-    EXPECT_EQ(e.reader->eeprom.serial.serial_body, 42);
+    EXPECT_EQ(+e.reader->eeprom.serial.serial_body, 42);
 
     OpenEngine old(0x201);  // below 514: four records only
     ASSERT_EQ(old.opened, MCU_STATUS::SUCCESS);
@@ -323,7 +323,7 @@ TEST(EngineWriteBack, FormatOnLegacyFirmwareErasesFirst) {
     EXPECT_EQ(old.reader->countCalls("sendEraseCommandwithSN"), 0);
     EXPECT_EQ(old.reader->countCalls("sendWriteCalibMonoCommand"), 0);
     EXPECT_EQ(old.reader->countCalls("sendWriteKlibCommand"), 1);
-    EXPECT_EQ(old.reader->eeprom.serial.serial_body, 43);
+    EXPECT_EQ(+old.reader->eeprom.serial.serial_body, 43);
 }
 
 TEST(EngineWriteBack, ReadFullEepromLeavesTheCaptureStopped) {
@@ -335,7 +335,7 @@ TEST(EngineWriteBack, ReadFullEepromLeavesTheCaptureStopped) {
     EXPECT_FALSE(e.engine->running);
     EXPECT_FALSE(e.engine->capture_thread.joinable());
     EXPECT_FALSE(e.reader->streaming);
-    EXPECT_EQ(image.serial.serial_body, 123456);
+    EXPECT_EQ(+image.serial.serial_body, 123456);
     e.reader->fail_eeprom_read = true;
     EXPECT_EQ(e.engine->readFullEEprom(image), MCU_STATUS::FAILURE);
 }
