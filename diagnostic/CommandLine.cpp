@@ -165,7 +165,7 @@ int runCommandLine(int argc, char** argv, AIParameters ai, bool arCheck, bool re
     runner.results = &results;
     runner.start();
 
-    while (!runner.finished.load(std::memory_order_relaxed)) {
+    while (!runner.finished.load(std::memory_order_acquire)) {
         printDiagnosticStatus(runner);
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }

@@ -38,7 +38,8 @@ void DiagnosticRunner::runDiagnostic(DiagnosticRunner* self) {
         if (i < nodes.size())
             std::this_thread::sleep_for(std::chrono::milliseconds(250));
     }
-    self->finished.store(true, std::memory_order_relaxed);
+    // Release: an owner that sees `finished` also sees every result stored.
+    self->finished.store(true, std::memory_order_release);
     emit self->s_diagnosticFinished();
 }
 

@@ -38,7 +38,8 @@ public:
     void stopAndJoin();
 
     std::thread* thread = nullptr;
-    // Polled without a lock by the watchers: relaxed atomics.
+    // Polled without a lock by the watchers: atomics. `finished` is stored with
+    // release, so a watcher that loads it (acquire) may then read `results`.
     std::atomic<bool> running{true};
     std::atomic<bool> finished{false};
     std::vector<DiagnosticNode*> nodes;

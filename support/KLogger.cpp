@@ -266,6 +266,9 @@ KLogger::KLogger() {
 KLogger::~KLogger() {
     for (auto& entry : loggers_)
         entry.second->flush();
+    // The pool writes out its queue and joins its thread before the loggers
+    // and handlers go, so nothing is written through a destroyed handler.
+    pool_.reset();
     loggers_.clear();
 }
 

@@ -107,7 +107,7 @@ private:
     KLogger();
     ~KLogger();
 
-    // Declared first so that it is destroyed last, after the loggers.
+    // Joined first in the destructor, so that the queue is written out.
     std::shared_ptr<spdlog::details::thread_pool> pool_;
     std::shared_ptr<spdlog::sinks::rotating_file_sink_mt> fileHandler_;
     std::shared_ptr<spdlog::sinks::stdout_color_sink_mt> stdoutHandler_;
