@@ -33,7 +33,11 @@ Eigen::Matrix3d rotationFromV1ToV2Unit(const Eigen::Vector3d& v1, const Eigen::V
     const Eigen::Vector3d v = v1.cross(v2);
     Eigen::Matrix3d vx;
     vx << 0, -v.z(), v.y(), v.z(), 0, -v.x(), -v.y(), v.x(), 0;
-    return Eigen::Matrix3d::Identity() + vx + vx * vx / (1.0 + c);
+    // [v]x^2 = v v^T - |v|^2 I
+    const double k = 1.0 / (1.0 + c);
+    Eigen::Matrix3d R = (k * v) * v.transpose() + vx;
+    R.diagonal().array() += 1.0 - k * v.squaredNorm();
+    return R;
 }
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <Eigen/Geometry>
+
 #include <cmath>
 #include <cstdint>
 #include <string>
@@ -393,6 +395,40 @@ TEST(OrientationFilter, TiltedStillSensorConvergesToGravityTilt) {
         c.update(0, ay, az, 0, 0, 0, kDt);
     c.getOrientation(w, x, y, z);
     EXPECT_LT(angleBetween(w, x, y, z, std::cos(tilt / 2), std::sin(tilt / 2), 0, 0) * 180 / kPi, 1.0);
+}
+
+TEST(OrientationFilter, GravityAlignmentTakesAccelerationOntoGravity) {
+    ComplementaryFilter f;
+    f.updateWithMadwick(0, 0, 9.81, 0, 0, 0, kDt);  // level
+    const double tilt = 0.4;
+    f.updateWithMadwick(0, 9.81 * std::sin(tilt), 9.81 * std::cos(tilt), 0, 0, 0, kDt);
+    // First low-pass round: the raw (tilted) direction; gravity from the
+    // still nearly level attitude.
+    double w, x, y, z;
+    f.getOrientation(w, x, y, z);
+    // The vertical seen from the sensor: (0, 0, 1) turned by the inverse attitude.
+    Eigen::Vector3d g(2.0 * (x * z - w * y), 2.0 * (w * x + y * z), w * w - x * x - y * y + z * z);
+    g.normalize();
+    const Eigen::Vector3d a(0, std::sin(tilt), std::cos(tilt));
+    const Eigen::Matrix3d R = f.gravity_alignment.cast<double>();
+    EXPECT_LT((R * a - g).norm(), 1e-6);
+    EXPECT_LT((R * R.transpose() - Eigen::Matrix3d::Identity()).norm(), 1e-6);
+    EXPECT_NEAR(R.determinant(), 1.0, 1e-6);
+    // ng_acc is the difference of the two directions.
+    float nx, ny, nz;
+    f.getNGAcc(nx, ny, nz);
+    EXPECT_NEAR(ny, a.y() - g.y(), 1e-6);
+    EXPECT_NEAR(nz, a.z() - g.z(), 1e-6);
+}
+
+TEST(OrientationFilter, GravityAlignmentOfOppositeDirectionsIsAHalfTurn) {
+    ComplementaryFilter f;
+    f.updateWithMadwick(0, 0, 9.81, 0, 0, 0, kDt);
+    f.updateWithMadwick(0, 0, -9.81, 0, 0, 0, kDt);  // upside down against a level attitude
+    const Eigen::Matrix3d R = f.gravity_alignment.cast<double>();
+    EXPECT_TRUE(R.allFinite());
+    EXPECT_LT((R * Eigen::Vector3d(0, 0, -1) - Eigen::Vector3d(0, 0, 1)).norm(), 1e-3);
+    EXPECT_NEAR(R.determinant(), 1.0, 1e-6);
 }
 
 TEST(OrientationFilter, CovarianceStaysSymmetricAndFiniteOver100000Updates) {
