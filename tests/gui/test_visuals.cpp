@@ -1,5 +1,6 @@
 // Small visual classes: the rotating status icon, the clickable label and the
 // busy spinner.
+#include <QElapsedTimer>
 #include <QSignalSpy>
 #include <QTest>
 
@@ -61,7 +62,10 @@ void TestVisuals::statusWidgetAnimatedTurnsAndStopsAtZero() {
     widget.setAnimated(true, 750, 359);
     QVERIFY(widget.isAnimated());
     QCOMPARE(widget.animationDuration(), 750);
-    QTest::qWait(200);
+    QElapsedTimer timer;
+    timer.start();
+    while (widget.getRotation() == 0 && timer.elapsed() < 5000)
+        QTest::qWait(10);
     QVERIFY(widget.getRotation() > 0);
     widget.setAnimated(false, 2000, 359);
     QVERIFY(!widget.isAnimated());
