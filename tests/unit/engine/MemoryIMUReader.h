@@ -63,10 +63,10 @@ public:
     eepromMemoryStrc device_eeprom;
     int16_t gravity[3] = {-4096, 0, 0};            // still, level camera: reader x points down the image
     std::function<Motion(uint64_t index)> motion;  // adds to the still values
-    int rate_hz = 800;
-    int sync_every = 0;  // frame trigger every n samples (0: none)
-    int mag_every = 0;   // magnetometer sample every n samples (0: none)
-    int env_every = 0;   // environment sample every n samples (0: none)
+    std::atomic<int> rate_hz{800};                 // written by sendWriteImuFreq while a capture may run
+    int sync_every = 0;                            // frame trigger every n samples (0: none)
+    int mag_every = 0;                             // magnetometer sample every n samples (0: none)
+    int env_every = 0;                             // environment sample every n samples (0: none)
     std::function<float(uint64_t env_index)> pressure_hpa = [](uint64_t i) {
         return 1000.f + 0.01f * (i % 50);
     };

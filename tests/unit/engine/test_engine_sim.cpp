@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <functional>
 
 #include <Eigen/Geometry>
 
@@ -31,7 +32,8 @@ struct SimEngine {
     std::unique_ptr<bh::KOVmcu> engine;
 
     // `stepped`: simulated time (sleeps return at once); otherwise real time.
-    SimEngine(int model, uint32_t serial, uint16_t firmware, int odr, bool stepped) {
+    SimEngine(int model, uint32_t serial, uint16_t firmware, int odr, bool stepped,
+              const std::function<void(sim::McuConfig&)>& tweak = nullptr) {
         if (stepped) {
             machine->setClock(clock);
         }
@@ -42,6 +44,9 @@ struct SimEngine {
         if (model != kPico) {
             c.envRate = 25.0;
             c.magRate = 50.0;
+        }
+        if (tweak) {
+            tweak(c);
         }
         // The backend goes in first: the MCU takes its tick base from the
         // installed clock when it is built.
@@ -314,6 +319,18 @@ TEST(EngineOnSimulatedMcu, CalibrationProceduresAndRetrimming) {
     testing::internal::GetCapturedStdout();
     EXPECT_EQ(retrim, 3);
     EXPECT_EQ(s.mcu->counters().retrimStarts, 1);
+}
+
+TEST(EngineOnSimulatedMcu, DisconnectionInTheMiddleOfAMeasurementGives5) {
+    SimEngine s(kTera, 21234567, 0x305, 2, true, [](sim::McuConfig& c) {
+        c.shortReadsAfter = 300;
+        c.shortReadsCount = 1000000;
+    });
+    ASSERT_EQ(s.engine->open(21234567, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
+    bh::calibrationIMUParams params;
+    params.samples = 1000;
+    EXPECT_EQ(s.engine->calibrateIMU(params), MCU_STATUS::DISCONNECTED);
+    EXPECT_EQ(params.status, 5);
 }
 
 TEST(EngineOnSimulatedMcu, RetrimmingOnPicoWithFirstSerialFieldOneRefuses) {
