@@ -479,7 +479,8 @@ void ComplementaryFilter::updateCovariance(float normalisedBeta, double ax, doub
     }
     const Matrix4 K = Kt.transpose();
     const Matrix4 IKH = Matrix4::Identity() - K;
-    P = IKH * P * IKH.transpose() + K * acc_covariance * K.transpose();
+    // R is diagonal (updateAccCovariance), so K R K^T scales the columns of K.
+    P = IKH * P * IKH.transpose() + (K * acc_covariance.diagonal().asDiagonal()) * K.transpose();
     P = 0.5f * (P + P.transpose()).eval();
 }
 
