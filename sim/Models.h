@@ -93,14 +93,35 @@ public:
     virtual int reset() { return 0; }
 };
 
+// A value that models and seams may read from any thread while the bus
+// changes it (a device re-addressed after a reset, or unplugged).
+template <typename T>
+class SharedValue {
+public:
+    explicit SharedValue(T value = T()) : v_(value) {}
+    SharedValue(const SharedValue& other) : v_(other.v_.load()) {}
+    SharedValue& operator=(const SharedValue& other) {
+        v_.store(other.v_.load());
+        return *this;
+    }
+    SharedValue& operator=(T value) {
+        v_.store(value);
+        return *this;
+    }
+    operator T() const { return v_.load(); }  // NOLINT
+
+private:
+    std::atomic<T> v_;
+};
+
 class UsbDevice {
 public:
     UsbDescriptor descriptor;
     uint8_t bus = 1;
-    uint8_t address = 1;
+    SharedValue<uint8_t> address{1};
     std::vector<uint8_t> ports;             // port path from the root hub, e.g. {1, 3}
     int speed = 3;                          // enum libusb_speed: 2 full, 3 high, 4 super, 5 super plus
-    bool attached = true;                   // false: gone from the bus (unplugged, or re-enumerating)
+    SharedValue<bool> attached{true};       // false: gone from the bus (unplugged, or re-enumerating)
     int descriptorError = 0;                // libusb error of get_device_descriptor (0: none)
     std::shared_ptr<UsbDeviceModel> model;  // may be null: plain device
 };

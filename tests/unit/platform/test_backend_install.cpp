@@ -50,3 +50,33 @@ TEST(PlatformBackend, RealClockMoves) {
     platform::clock().sleepFor(std::chrono::milliseconds(2));
     EXPECT_GT(platform::clock().steadyNanoseconds(), a);
 }
+
+// The real USB and HID seams run on this machine (which may have no USB at
+// all): enumeration ends with a list, possibly empty, and frees what it got.
+TEST(PlatformBackend, RealUsbAndHidEnumerate) {
+    platform::Usb& usb = platform::usb();
+    libusb_context* ctx = nullptr;
+    int r = usb.init(&ctx);
+    if (r == 0) {
+        libusb_device** list = nullptr;
+        ssize_t n = usb.get_device_list(ctx, &list);
+        if (n >= 0) {
+            for (ssize_t i = 0; i < n; ++i) {
+                libusb_device_descriptor d{};
+                EXPECT_EQ(usb.get_device_descriptor(list[i], &d), 0);
+                EXPECT_EQ(d.bDescriptorType, LIBUSB_DT_DEVICE);
+            }
+            usb.free_device_list(list, 1);
+        }
+        usb.exit(ctx);
+    } else {
+        EXPECT_NE(usb.error_name(r), nullptr);
+    }
+    platform::Hid& hid = platform::hid();
+    EXPECT_EQ(hid.init(), 0);
+    hid.free_enumeration(hid.enumerate(0x2B03, 0));
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(hid.open_path("ffff:ffff:00", 1), nullptr);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("ffff:ffff:00"), std::string::npos);
+    EXPECT_EQ(hid.exit(), 0);
+}
