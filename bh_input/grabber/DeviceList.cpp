@@ -48,13 +48,12 @@ BH_DEVICE deviceFromUsbIds(int vendor, int product) {
 std::vector<std::pair<BH_DEVICE, std::string>> getUSBDevice() {
     std::vector<std::pair<BH_DEVICE, std::string>> out;
     platform::Usb& usb = platform::usb();
-    libusb_context* ctx = nullptr;
-    if (usb.init(&ctx) < 0)
-        return out;
+    // The default context, as the rest of the tool's USB walks use.
+    if (usb.init(nullptr) < 0) return out;
     libusb_device** list = nullptr;
-    ssize_t count = usb.get_device_list(ctx, &list);
+    ssize_t count = usb.get_device_list(nullptr, &list);
     if (count < 0) {
-        usb.exit(ctx);
+        usb.exit(nullptr);
         return out;
     }
     for (ssize_t i = 0; i < count; ++i) {
@@ -67,7 +66,7 @@ std::vector<std::pair<BH_DEVICE, std::string>> getUSBDevice() {
         out.emplace_back(device, std::to_string(usb.get_device_address(list[i])));
     }
     usb.free_device_list(list, 1);
-    usb.exit(ctx);
+    usb.exit(nullptr);
     return out;
 }
 
