@@ -49,7 +49,8 @@ std::vector<std::pair<BH_DEVICE, std::string>> getUSBDevice() {
     std::vector<std::pair<BH_DEVICE, std::string>> out;
     platform::Usb& usb = platform::usb();
     // The default context, as the rest of the tool's USB walks use.
-    if (usb.init(nullptr) < 0) return out;
+    if (usb.init(nullptr) < 0)
+        return out;
     libusb_device** list = nullptr;
     ssize_t count = usb.get_device_list(nullptr, &list);
     if (count < 0) {
