@@ -7,6 +7,7 @@
 #include "diagnostic/Arguments.h"
 #include "diagnostic/CommandLine.h"
 #include "diagnostic/DisplayCheck.h"
+#include "sim/Simulator.h"
 #include "support/KLogger.h"
 
 #ifdef KOV_HAVE_GUI
@@ -14,6 +15,9 @@
 #endif
 
 int main(int argc, char** argv) {
+    // KOV_SIMULATION names a scenario file: run on the simulated machine.
+    if (!sim::installFromEnvironment())
+        return 1;
     const LaunchOptions options = parseArguments(argc, argv);
     if (!options.error.empty()) {
         std::fprintf(stderr, "Error: %s. Run with -h for the options.\n", options.error.c_str());
