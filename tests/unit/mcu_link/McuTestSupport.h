@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "PackedValue.h"
 #include "bh_input/mcu/IMU/IMUHidReader.h"
 #include "bh_input/mcu/IMU/McuLog.h"
 #include "platform/Platform.h"
@@ -117,7 +118,7 @@ public:
         const size_t n = std::min(length, r.size());
         const int result = next < streamResults.size() ? streamResults[next] : static_cast<int>(n);
         ++next;
-        if (result >= 0)
+        if (result >= 0 && n > 0)
             std::memcpy(data, r.data(), n);  // a failed read leaves the buffer alone
         return result;
     }
@@ -134,7 +135,8 @@ public:
         if (it == features.end())
             return -1;
         const size_t n = std::min(length, it->second.size());
-        std::memcpy(data, it->second.data(), n);
+        if (n > 0)
+            std::memcpy(data, it->second.data(), n);
         return static_cast<int>(n);
     }
 };

@@ -28,7 +28,7 @@ TEST(EepromRead, FeatureReadFillsTheMirrorAndSerial) {
     EXPECT_TRUE(f.reader->updateEepromMemory(true));
     const eepromMemoryStrc dev = f.mcu->eeprom();
     EXPECT_EQ(std::memcmp(&f.reader->eeprom, &dev, sizeof(dev)), 0);
-    EXPECT_EQ(f.reader->serial_number, 12345678u);
+    EXPECT_EQ(val(f.reader->serial_number), 12345678u);
     eepromMemoryStrc copy = f.reader->getEepromMemory(false);
     EXPECT_EQ(std::memcmp(&copy, &dev, sizeof(dev)), 0);
 }
@@ -54,13 +54,13 @@ TEST(EepromRead, Firmware0x304ReadsTheRateNotTheMagnetometer0x303Neither) {
         f.reader->eeprom.imu_odr.odr = 9;
         EXPECT_TRUE(f.reader->updateEepromMemory(false));
         if (fw == 0x303) {
-            EXPECT_EQ(f.reader->eeprom.imu_odr.odr, 9);
+            EXPECT_EQ(val(f.reader->eeprom.imu_odr.odr), 9);
             EXPECT_FLOAT_EQ(f.reader->eeprom.mag_calib.offset[0], -1234.f);
         } else if (fw == 0x304) {
-            EXPECT_EQ(f.reader->eeprom.imu_odr.odr, 1);
+            EXPECT_EQ(val(f.reader->eeprom.imu_odr.odr), 1);
             EXPECT_FLOAT_EQ(f.reader->eeprom.mag_calib.offset[0], -1234.f);
         } else {
-            EXPECT_EQ(f.reader->eeprom.imu_odr.odr, 1);
+            EXPECT_EQ(val(f.reader->eeprom.imu_odr.odr), 1);
             EXPECT_FLOAT_EQ(f.reader->eeprom.mag_calib.offset[0], 10.f);
         }
     }
@@ -80,15 +80,15 @@ TEST(EepromRead, RepairsApplyOnRead) {
     ASSERT_GT(f.reader->open(0, true, false), 0);
     ASSERT_TRUE(f.reader->updateEepromMemory(false));
     const eepromMemoryStrc& e = f.reader->eeprom;
-    EXPECT_EQ(e.bias.gyro_bias[0], 0.f);
+    EXPECT_EQ(val(e.bias.gyro_bias[0]), 0.f);
     EXPECT_FLOAT_EQ(e.bias.acc_bias[0], 0.21f);
     EXPECT_FLOAT_EQ(e.variance.gyro_var[1], 1e-5f);
-    EXPECT_EQ(e.cam_imu.rot[2], 0.f);
-    EXPECT_EQ(e.ext_gyro_calib.bias[0], 0.f);
-    EXPECT_EQ(e.ext_gyro_calib.temp_scale[0], 0.f);
+    EXPECT_EQ(val(e.cam_imu.rot[2]), 0.f);
+    EXPECT_EQ(val(e.ext_gyro_calib.bias[0]), 0.f);
+    EXPECT_EQ(val(e.ext_gyro_calib.temp_scale[0]), 0.f);
     EXPECT_FLOAT_EQ(e.ext_gyro_calib.bias[1], 0.01f);
     EXPECT_FLOAT_EQ(e.ext_gyro_calib.temp_scale[1], 0.1f);
-    EXPECT_EQ(e.ext_acc_calib.bias[2], 0.f);
+    EXPECT_EQ(val(e.ext_acc_calib.bias[2]), 0.f);
 }
 
 TEST(EepromRead, StreamingIsStoppedForTheReadAndStartedAgain) {
@@ -101,17 +101,17 @@ TEST(EepromRead, StreamingIsStoppedForTheReadAndStartedAgain) {
 
 TEST(EepromRead, Prefix99Body123456IsTheUnprogrammedValue) {
     auto c = config(990123456);
-    ASSERT_EQ(c.eeprom.serial.serial_prefix, 99);
-    ASSERT_EQ(c.eeprom.serial.serial_body, 123456);
+    ASSERT_EQ(val(c.eeprom.serial.serial_prefix), 99);
+    ASSERT_EQ(val(c.eeprom.serial.serial_body), 123456);
     Fixture f(c);
     // Without force, open hands the unprogrammed value back and keeps nothing open.
     EXPECT_EQ(f.reader->open(0, false, false), 990123456);
-    EXPECT_EQ(f.reader->handle, nullptr);
+    EXPECT_EQ(val(f.reader->handle), nullptr);
     // With force the session opens and the image reads the same serial.
     EXPECT_EQ(f.reader->open(0, false, true), 990123456);
-    ASSERT_NE(f.reader->handle, nullptr);
+    ASSERT_NE(val(f.reader->handle), nullptr);
     EXPECT_TRUE(f.reader->updateEepromMemory(false));
-    EXPECT_EQ(f.reader->serial_number, 990123456u);
+    EXPECT_EQ(val(f.reader->serial_number), 990123456u);
 }
 
 TEST(EepromRead, LostReaderReturnsTheMirrorAsItStands) {
@@ -122,7 +122,7 @@ TEST(EepromRead, LostReaderReturnsTheMirrorAsItStands) {
     const auto before = f.mcu->counters();
     eepromMemoryStrc e = f.reader->getEepromMemory(true);
     EXPECT_FLOAT_EQ(e.bias.gyro_bias[2], 0.123f);
-    EXPECT_EQ(f.mcu->counters().featureReads, before.featureReads);
+    EXPECT_EQ(val(f.mcu->counters().featureReads), val(before.featureReads));
     EXPECT_FALSE(f.reader->updateEepromMemory(true));
 }
 
@@ -147,14 +147,14 @@ TEST(EepromRead, LegacyBurstFillsTheCoreRecords) {
     f.reader->eeprom.mag_calib.offset[0] = -7.f;
     EXPECT_TRUE(f.reader->updateEepromMemory(true));
     const eepromMemoryStrc& e = f.reader->eeprom;
-    EXPECT_EQ(e.serial.id, 1);  // records stand as they came, legacy id first
-    EXPECT_EQ(e.serial.serial_body, 2345678);
+    EXPECT_EQ(val(e.serial.id), 1);  // records stand as they came, legacy id first
+    EXPECT_EQ(val(e.serial.serial_body), 2345678);
     EXPECT_FLOAT_EQ(e.bias.gyro_bias[0], 0.5f);
-    EXPECT_EQ(e.ext_gyro_calib.id, 14);
+    EXPECT_EQ(val(e.ext_gyro_calib.id), 14);
     EXPECT_FLOAT_EQ(e.ext_gyro_calib.scale[0], 1.01f);
-    EXPECT_EQ(e.ext_acc_calib.id, 15);
+    EXPECT_EQ(val(e.ext_acc_calib.id), 15);
     EXPECT_FLOAT_EQ(e.mag_calib.offset[0], -7.f);
-    EXPECT_EQ(f.reader->serial_number, 12345678u);
+    EXPECT_EQ(val(f.reader->serial_number), 12345678u);
 }
 
 TEST(EepromRead, LegacyFirmwareIgnoringTheFirstRequestGetsItResent) {
@@ -166,8 +166,8 @@ TEST(EepromRead, LegacyFirmwareIgnoringTheFirstRequestGetsItResent) {
     EXPECT_TRUE(f.reader->updateEepromMemory(false));
     EXPECT_TRUE(log.contains("WARNING : resend buffer due to timeout check"));
     const auto n = f.mcu->counters();
-    EXPECT_EQ(n.ignoredRequests, 1);
-    EXPECT_GE(n.legacyRequests, 2);
+    EXPECT_EQ(val(n.ignoredRequests), 1);
+    EXPECT_GE(val(n.legacyRequests), 2);
 }
 
 TEST(EepromRead, SilentLegacyDeviceEndsWithFalse) {

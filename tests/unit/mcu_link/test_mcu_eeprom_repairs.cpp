@@ -1,18 +1,21 @@
 // In-place repairs of implausible EEPROM records.
 #include <gtest/gtest.h>
 
+#include "PackedValue.h"
 #include "bh_input/mcu/IMU/checkEepromValues.h"
+
+using mcutest::val;
 
 TEST(EepromRepairs, GyroBiasAbove02IsZeroedTheSameValueInAccStays) {
     _bias_data b{mcu_id::BIAS, {0.21f, -0.21f, 0.19f}, {0.21f, -1.01f, 1.0f}};
     checkBiasData(b);
-    EXPECT_EQ(b.gyro_bias[0], 0.f);
-    EXPECT_EQ(b.gyro_bias[1], 0.f);
+    EXPECT_EQ(val(b.gyro_bias[0]), 0.f);
+    EXPECT_EQ(val(b.gyro_bias[1]), 0.f);
     EXPECT_FLOAT_EQ(b.gyro_bias[2], 0.19f);
     EXPECT_FLOAT_EQ(b.acc_bias[0], 0.21f);
-    EXPECT_EQ(b.acc_bias[1], 0.f);
+    EXPECT_EQ(val(b.acc_bias[1]), 0.f);
     EXPECT_FLOAT_EQ(b.acc_bias[2], 1.0f);
-    EXPECT_EQ(b.id, mcu_id::BIAS);
+    EXPECT_EQ(val(b.id), mcu_id::BIAS);
 }
 
 TEST(EepromRepairs, VarianceAbove02Becomes1e5) {
@@ -31,7 +34,7 @@ TEST(EepromRepairs, CamImuAbove02IsZeroed) {
     _cam_imu_data c{mcu_id::CAM_IMU, {0.15f, -0.5f, 0.199f}};
     checkCamIMUData(c);
     EXPECT_FLOAT_EQ(c.rot[0], 0.15f);
-    EXPECT_EQ(c.rot[1], 0.f);
+    EXPECT_EQ(val(c.rot[1]), 0.f);
     EXPECT_FLOAT_EQ(c.rot[2], 0.199f);
 }
 
@@ -51,16 +54,16 @@ TEST(EepromRepairs, ExtendedGyroBiasAndTempScalePerAxis) {
         g.misalign[i] = 0.01f * i;
     g.misalign[4] = 0.3f;
     checkExtendedGyroCalibData(g);
-    EXPECT_EQ(g.bias[0], 0.f);
-    EXPECT_EQ(g.temp_scale[0], 0.f);
+    EXPECT_EQ(val(g.bias[0]), 0.f);
+    EXPECT_EQ(val(g.temp_scale[0]), 0.f);
     EXPECT_FLOAT_EQ(g.bias[1], 0.05f);
     EXPECT_FLOAT_EQ(g.temp_scale[1], 0.1f);
-    EXPECT_EQ(g.bias[2], 0.f);
-    EXPECT_EQ(g.temp_scale[2], 0.f);
+    EXPECT_EQ(val(g.bias[2]), 0.f);
+    EXPECT_EQ(val(g.temp_scale[2]), 0.f);
     EXPECT_FLOAT_EQ(g.scale[0], 1.0f);
     EXPECT_FLOAT_EQ(g.scale[1], 1.0f);
     EXPECT_FLOAT_EQ(g.scale[2], 0.75f);
-    EXPECT_EQ(g.misalign[4], 0.f);
+    EXPECT_EQ(val(g.misalign[4]), 0.f);
     EXPECT_FLOAT_EQ(g.misalign[3], 0.03f);
 }
 
@@ -73,8 +76,8 @@ TEST(EepromRepairs, ExtendedGyroOnlyXLosesBiasAndTempScale) {
     }
     g.bias[0] = 0.16f;
     checkExtendedGyroCalibData(g);
-    EXPECT_EQ(g.bias[0], 0.f);
-    EXPECT_EQ(g.temp_scale[0], 0.f);
+    EXPECT_EQ(val(g.bias[0]), 0.f);
+    EXPECT_EQ(val(g.temp_scale[0]), 0.f);
     EXPECT_FLOAT_EQ(g.bias[1], 0.1f);
     EXPECT_FLOAT_EQ(g.temp_scale[1], 0.1f);
     EXPECT_FLOAT_EQ(g.bias[2], 0.1f);
@@ -95,10 +98,10 @@ TEST(EepromRepairs, ExtendedAccKeepsMisalignments) {
     checkExtendedAccCalibData(a);
     EXPECT_FLOAT_EQ(a.scale[0], 1.f);
     EXPECT_FLOAT_EQ(a.bias[0], 0.5f);
-    EXPECT_EQ(a.bias[1], 0.f);
-    EXPECT_EQ(a.temp_scale[1], 0.f);
-    EXPECT_EQ(a.bias[2], 0.f);
-    EXPECT_EQ(a.temp_scale[2], 0.f);
+    EXPECT_EQ(val(a.bias[1]), 0.f);
+    EXPECT_EQ(val(a.temp_scale[1]), 0.f);
+    EXPECT_EQ(val(a.bias[2]), 0.f);
+    EXPECT_EQ(val(a.temp_scale[2]), 0.f);
     for (int i = 0; i < 3; ++i)
         EXPECT_FLOAT_EQ(a.misalign[i], 0.9f);
 }

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "PackedValue.h"
 #include "bh_input/mcu/IMU/SIDRecording.h"
 #include "bh_input/mcu/IMU/VirtualIMUReader.h"
 #include "bh_input/mcu/IMU/eepromMemory.h"
@@ -144,11 +145,11 @@ TEST(SensorReportLayout, LittleEndianDecodeOfAWireReport) {
     wire[50] = 0x64;  // pressure 100
     McuSensorReport r;
     std::memcpy(&r, wire, sizeof(r));
-    EXPECT_EQ(r.report_id, 1);
-    EXPECT_EQ(r.timestamp, 0x2010u);
-    EXPECT_EQ(r.gyro_x, -2);
-    EXPECT_EQ(r.frame_sync_count, 3u);
-    EXPECT_EQ(r.pressure, 100u);
+    EXPECT_EQ(mcutest::val(r.report_id), 1);
+    EXPECT_EQ(mcutest::val(r.timestamp), 0x2010u);
+    EXPECT_EQ(mcutest::val(r.gyro_x), -2);
+    EXPECT_EQ(mcutest::val(r.frame_sync_count), 3u);
+    EXPECT_EQ(mcutest::val(r.pressure), 100u);
 }
 
 TEST(RecordingLayout, HeaderAndRecord) {

@@ -21,16 +21,16 @@ TEST(McuOpen, RequestedSerialIsTakenOtherDevicePassedOverAfterItsUsbClear) {
     LogCapture log;
     IMUHidReader r(false, VENDOR, PICO);
     EXPECT_EQ(r.open(123, true, false), 123);
-    EXPECT_EQ(r.device_path, b->identity().path);
-    EXPECT_EQ(r.serial_number, 123u);
+    EXPECT_EQ(val(r.device_path), val(b->identity().path));
+    EXPECT_EQ(val(r.serial_number), 123u);
     // Both got the USB clear (OUT and IN halts) and reset, 456 first.
-    EXPECT_EQ(a->counters().usbClearHalts, 2);
-    EXPECT_EQ(a->counters().usbResets, 1);
-    EXPECT_EQ(b->counters().usbClearHalts, 2);
-    EXPECT_EQ(a->counters().opens, 0);
-    EXPECT_EQ(b->counters().opens, 1);
+    EXPECT_EQ(val(a->counters().usbClearHalts), 2);
+    EXPECT_EQ(val(a->counters().usbResets), 1);
+    EXPECT_EQ(val(b->counters().usbClearHalts), 2);
+    EXPECT_EQ(val(a->counters().opens), 0);
+    EXPECT_EQ(val(b->counters().opens), 1);
     EXPECT_TRUE(log.contains("[enter] open IMUReader 123"));
-    EXPECT_EQ(log.count("[Sensors] USB clear HALT & RESET - pre -"), 2);
+    EXPECT_EQ(val(log.count("[Sensors] USB clear HALT & RESET - pre -")), 2);
     EXPECT_TRUE(log.contains("[Sensors][enter] hid_open_path MCU " + b->identity().path));
 }
 
@@ -52,7 +52,7 @@ TEST(McuOpen, OtherProductsAndVendorsAreSkipped) {
     sim.install();
     IMUHidReader r(false, VENDOR, PICO);
     EXPECT_EQ(r.open(0, true, false), 222);
-    EXPECT_EQ(tera->counters().usbResets, 0);
+    EXPECT_EQ(val(tera->counters().usbResets), 0);
     IMUHidReader any(false, VENDOR, 0);  // product 0 matches every product of the vendor
     EXPECT_EQ(any.open(0, true, false), 111);
 }
@@ -76,11 +76,11 @@ TEST(McuOpen, UnprogrammedSerialWithoutRecoverOrForceIsReturnedClosed) {
         ASSERT_NE(hid, nullptr);
         IMUHidReader r(false, VENDOR, PICO);
         EXPECT_EQ(r.open(0, false, false), static_cast<int>(bad));
-        EXPECT_EQ(r.handle, nullptr);
+        EXPECT_EQ(val(r.handle), nullptr);
         EXPECT_EQ(r.is_open, 0);
         EXPECT_TRUE(r.device_path.empty());
         EXPECT_EQ(hid->openCount(), 0u);
-        EXPECT_EQ(mcu->counters().mcuResets, 0);
+        EXPECT_EQ(val(mcu->counters().mcuResets), 0);
     }
 }
 
@@ -90,7 +90,7 @@ TEST(McuOpen, ForcedUnprogrammedSerialOpens) {
     sim.install();
     IMUHidReader r(false, VENDOR, PICO);
     EXPECT_EQ(r.open(0, true, true), 0);
-    EXPECT_NE(r.handle, nullptr);
+    EXPECT_NE(val(r.handle), nullptr);
     EXPECT_EQ(r.is_open, 1);
     EXPECT_EQ(r.is_running, 1);
     EXPECT_EQ(r.is_lost, 0);
@@ -104,8 +104,8 @@ TEST(McuOpen, UnprogrammedSerialWithRecoverRebootsTheModuleWhichComesBack) {
     IMUHidReader r(false, VENDOR, PICO);
     EXPECT_EQ(r.open(0, true, false), 0);
     EXPECT_TRUE(log.contains("[Sensors] MCU module not responding. Attempt module reboot"));
-    EXPECT_EQ(mcu->counters().mcuResets, 1);
-    EXPECT_EQ(r.handle, nullptr);
+    EXPECT_EQ(val(mcu->counters().mcuResets), 1);
+    EXPECT_EQ(val(r.handle), nullptr);
     EXPECT_FALSE(mcu->present());
     sim.clock->advance(500000000);
     EXPECT_TRUE(mcu->present());
@@ -119,7 +119,7 @@ TEST(McuOpen, ImplausibleButNotUnprogrammedSerialRebootsAndFails) {
     sim.install();
     IMUHidReader r(false, VENDOR, PICO);
     EXPECT_EQ(r.open(0, true, false), -1);
-    EXPECT_EQ(mcu->counters().mcuResets, 1);
+    EXPECT_EQ(val(mcu->counters().mcuResets), 1);
     EXPECT_TRUE(r.device_path.empty());
     sim.clock->advance(500000000);
     // Without recovery the device is taken as it is.
@@ -138,7 +138,7 @@ TEST(McuOpen, FailedResetWriteTakesTheSecondStepRecovery) {
     EXPECT_TRUE(
         log.contains("[Sensors] MCU not responding while resetting module.. Second step recovery... "));
     EXPECT_TRUE(log.contains("[Sensors] USB clear: HALT & RESET - after -"));
-    EXPECT_EQ(mcu->counters().usbResets, 2);
+    EXPECT_EQ(val(mcu->counters().usbResets), 2);
     EXPECT_TRUE(mcu->present());
 }
 
@@ -150,10 +150,10 @@ TEST(McuOpen, MissingSerialStringOnLegacyFirmwareIsTakenAtOnce) {
     auto mcu = sim.add(c);
     sim.install();
     IMUHidReader r(false, VENDOR, PICO);
-    EXPECT_EQ(r.open(123, true, false), 0);   // reboot under way, value 0
-    EXPECT_EQ(mcu->counters().mcuResets, 0);  // legacy: no reset report
-    EXPECT_EQ(r.open(123, false, true), 0);   // forced: opened
-    EXPECT_NE(r.handle, nullptr);
+    EXPECT_EQ(r.open(123, true, false), 0);        // reboot under way, value 0
+    EXPECT_EQ(val(mcu->counters().mcuResets), 0);  // legacy: no reset report
+    EXPECT_EQ(r.open(123, false, true), 0);        // forced: opened
+    EXPECT_NE(val(r.handle), nullptr);
 }
 
 TEST(McuOpen, StalledEndpointIsClearedByTheUsbRecovery) {
@@ -179,9 +179,9 @@ TEST(McuOpen, NewAddressAfterUsbResetFailsOnceThenOpens) {
     IMUHidReader r(false, VENDOR, PICO);
     const std::string before = mcu->identity().path;
     EXPECT_EQ(r.open(0, true, false), -1);  // the entry's path is stale after the reset
-    EXPECT_NE(mcu->identity().path, before);
+    EXPECT_NE(val(mcu->identity().path), before);
     EXPECT_EQ(r.open(0, true, false), 12345678);
-    EXPECT_EQ(r.device_path, mcu->identity().path);
+    EXPECT_EQ(val(r.device_path), val(mcu->identity().path));
 }
 
 TEST(McuOpen, CloseStopsTheStreamAndClosesTheHandle) {
@@ -199,7 +199,7 @@ TEST(McuOpen, CloseStopsTheStreamAndClosesTheHandle) {
         EXPECT_EQ(hid->openCount(), 0u);
         EXPECT_EQ(r.is_closed, 1);
         EXPECT_EQ(r.is_running, 0);
-        EXPECT_EQ(r.handle, nullptr);
+        EXPECT_EQ(val(r.handle), nullptr);
         EXPECT_FALSE(r.updateIMUData(false));
         // Open again after close.
         EXPECT_EQ(r.open(0, true, false), 12345678);

@@ -2,8 +2,8 @@
 // simulated MCU: commands, gates, conversions, and the listed edge cases.
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <cmath>
-#include <regex>
 
 #include "McuTestSupport.h"
 
@@ -28,7 +28,7 @@ struct Opened {
 TEST(McuProtocolFeature, OpensAndReportsSerialAndFirmware) {
     Opened o(config(12345678, 0x305));
     EXPECT_EQ(o.open(), 12345678);
-    EXPECT_EQ(o.reader->firmware_version, 0x305);
+    EXPECT_EQ(val(o.reader->firmware_version), 0x305);
     EXPECT_EQ(o.reader->is_open, 1);
     EXPECT_EQ(o.reader->is_lost, 0);
     EXPECT_FALSE(o.reader->isLegacy());
@@ -45,16 +45,16 @@ TEST(McuProtocolFeature, StreamStartStopAndState) {
     EXPECT_FALSE(o.mcu->streaming());
     EXPECT_FALSE(o.reader->isDataStreamEnabled());
     EXPECT_TRUE(o.reader->sendPing());
-    EXPECT_EQ(o.mcu->counters().pings, 1);
+    EXPECT_EQ(val(o.mcu->counters().pings), 1);
     EXPECT_TRUE(o.reader->sendOV580ResetCommand());
-    EXPECT_EQ(o.mcu->counters().ov580Resets, 1);
+    EXPECT_EQ(val(o.mcu->counters().ov580Resets), 1);
 }
 
 TEST(McuProtocolFeature, ResetOnHealthyDeviceReturnsFalseAndTheMcuComesBack) {
     Opened o(config());
     ASSERT_GT(o.open(), 0);
     EXPECT_FALSE(o.reader->sendMcuResetCommand());
-    EXPECT_EQ(o.mcu->counters().mcuResets, 1);
+    EXPECT_EQ(val(o.mcu->counters().mcuResets), 1);
     EXPECT_FALSE(o.mcu->present());
     o.sim.clock->advance(400000000);  // beyond the 300 ms drop-out
     EXPECT_TRUE(o.mcu->present());
@@ -73,16 +73,25 @@ TEST(McuProtocolFeature, WritesOfCalibrationRecordsStampTheDateSerialDoesNot) {
     Opened o(config());
     ASSERT_GT(o.open(), 0);
     EXPECT_TRUE(o.reader->sendWriteSNCommand(1, 2345678));
-    EXPECT_EQ(o.mcu->eeprom().serial.serial_body, 2345678);
-    EXPECT_EQ(o.mcu->eeprom().date_time.valid, 0);
+    EXPECT_EQ(val(o.mcu->eeprom().serial.serial_body), 2345678);
+    EXPECT_EQ(val(o.mcu->eeprom().date_time.valid), 0);
 
     EXPECT_TRUE(o.reader->sendWriteBiasCommand(0.01f, 0.02f, 0.03f, 0.1f, 0.2f, 0.3f));
     eepromMemoryStrc e = o.mcu->eeprom();
     EXPECT_FLOAT_EQ(e.bias.gyro_bias[1], 0.02f);
     EXPECT_FLOAT_EQ(e.bias.acc_bias[2], 0.3f);
-    EXPECT_EQ(e.date_time.valid, 1);
+    EXPECT_EQ(val(e.date_time.valid), 1);
     const std::string text(e.date_time.text, strnlen(e.date_time.text, sizeof(e.date_time.text)));
-    EXPECT_TRUE(std::regex_match(text, std::regex(R"(\d{4}/\d\d/\d\d \d\d:\d\d:\d\d UTC)"))) << text;
+    // "%Y/%m/%d %H:%M:%S UTC"
+    const std::string shape = "dddd/dd/dd dd:dd:dd UTC";
+    ASSERT_EQ(text.size(), shape.size()) << text;
+    for (size_t i = 0; i < shape.size(); ++i) {
+        if (shape[i] == 'd') {
+            EXPECT_TRUE(std::isdigit(static_cast<unsigned char>(text[i]))) << text;
+        } else {
+            EXPECT_EQ(val(text[i]), val(shape[i])) << text;
+        }
+    }
 
     std::string saved;
     EXPECT_TRUE(o.reader->getDataSavingTime(saved));
@@ -116,15 +125,15 @@ TEST(McuProtocolFeature, EveryRecordWriteLandsInTheImage) {
     EXPECT_FLOAT_EQ(e.cam_imu.rot[1], 0.2f);
     EXPECT_FLOAT_EQ(e.barom_calib.scale, 1.5f);  // written (scale, offset), stored offset first
     EXPECT_FLOAT_EQ(e.barom_calib.offset, -2.5f);
-    EXPECT_EQ(e.ext_gyro_calib.id, 0x41);
+    EXPECT_EQ(val(e.ext_gyro_calib.id), 0x41);
     EXPECT_FLOAT_EQ(e.ext_gyro_calib.scale[0], 1.2f);
     EXPECT_FLOAT_EQ(e.ext_acc_calib.bias[2], 0.7f);
     EXPECT_FLOAT_EQ(e.mag_calib.offset[1], 42.f);
-    EXPECT_EQ(e.calib_mono[7].id, 0x3E);
+    EXPECT_EQ(val(e.calib_mono[7].id), 0x3E);
     EXPECT_FLOAT_EQ(e.calib_mono[7].values[11], 7.f);
     EXPECT_FLOAT_EQ(e.calib_stereo.params[2], 0.7f);
     EXPECT_FLOAT_EQ(e.calib_stereo.block3[3], 12.f);
-    EXPECT_EQ(e.imu_odr.odr, 3);
+    EXPECT_EQ(val(e.imu_odr.odr), 3);
     EXPECT_EQ(o.mcu->rateHz(), 800);
 
     // Read back into the reader's image.
@@ -136,11 +145,11 @@ TEST(McuProtocolFeature, EveryRecordWriteLandsInTheImage) {
     EXPECT_TRUE(o.reader->sendReadCalibMonoCommand(3, 1));
     EXPECT_TRUE(o.reader->sendReadCalibStereoCommand());
     EXPECT_TRUE(o.reader->sendReadImuFreq());
-    EXPECT_EQ(o.reader->eeprom.serial.serial_body, e.serial.serial_body);
+    EXPECT_EQ(val(o.reader->eeprom.serial.serial_body), val(e.serial.serial_body));
     EXPECT_FLOAT_EQ(o.reader->eeprom.variance.acc_var[2], 6e-3f);
     EXPECT_FLOAT_EQ(o.reader->eeprom.calib_mono[7].values[11], 7.f);
     EXPECT_FLOAT_EQ(o.reader->eeprom.calib_stereo.block1[0], 1.f);
-    EXPECT_EQ(o.reader->eeprom.imu_odr.odr, 3);
+    EXPECT_EQ(val(o.reader->eeprom.imu_odr.odr), 3);
 }
 
 TEST(McuProtocolFeature, BaromReadPutsItsIdIntoTheVarianceRecord) {
@@ -151,7 +160,7 @@ TEST(McuProtocolFeature, BaromReadPutsItsIdIntoTheVarianceRecord) {
     // The device answers 9 bytes where 25 are asked for: the read fails, and
     // the variance record's first byte now holds 0x40.
     EXPECT_FALSE(o.reader->sendReadBaromCalibCommand());
-    EXPECT_EQ(o.reader->eeprom.variance.id, 0x40);
+    EXPECT_EQ(val(o.reader->eeprom.variance.id), 0x40);
 }
 
 TEST(McuProtocolFeature, RateRecordGatedAt0x304MagAt0x305) {
@@ -162,7 +171,7 @@ TEST(McuProtocolFeature, RateRecordGatedAt0x304MagAt0x305) {
         EXPECT_FALSE(o.reader->sendReadImuFreq());
         _mag_calib_data m{};
         EXPECT_FALSE(o.reader->sendWriteMagCalibCommand(m));
-        EXPECT_EQ(o.mcu->counters().featureWrites, 0);
+        EXPECT_EQ(val(o.mcu->counters().featureWrites), 0);
     }
     {
         Opened o(config(12345678, 0x304));
@@ -178,13 +187,13 @@ TEST(McuProtocolFeature, RetrimmingStatusIs5OnPicoWithPrefix1WithoutTraffic) {
     Opened o(c);
     ASSERT_GT(o.open(), 0);
     ASSERT_TRUE(o.reader->sendReadSNCommand());
-    ASSERT_EQ(o.reader->eeprom.serial.serial_prefix, 1);
+    ASSERT_EQ(val(o.reader->eeprom.serial.serial_prefix), 1);
     const auto before = o.mcu->counters();
     EXPECT_EQ(o.reader->getImuRetrimmingStatus(), BMI270_CRT_ERROR);
     EXPECT_FALSE(o.reader->startImuRetrimming());
     const auto after = o.mcu->counters();
-    EXPECT_EQ(after.featureReads, before.featureReads);
-    EXPECT_EQ(after.featureWrites, before.featureWrites);
+    EXPECT_EQ(val(after.featureReads), val(before.featureReads));
+    EXPECT_EQ(val(after.featureWrites), val(before.featureWrites));
 }
 
 TEST(McuProtocolFeature, RetrimmingRunsAndCompletes) {
@@ -203,8 +212,19 @@ TEST(McuProtocolFeature, DfuEntryDropsTheDevice) {
     Opened o(config());
     ASSERT_GT(o.open(), 0);
     EXPECT_FALSE(o.reader->sendDFUEnterCommand());  // complete write: inverted
-    EXPECT_EQ(o.mcu->counters().dfuRequests, 1);
+    EXPECT_EQ(val(o.mcu->counters().dfuRequests), 1);
     EXPECT_FALSE(o.mcu->present());
+}
+
+TEST(McuProtocolFeature, DfuEntryOnALostReaderReopensFirst) {
+    Opened o(config());
+    ASSERT_GT(o.open(), 0);
+    o.reader->is_lost = 1;
+    const int opens = o.mcu->counters().opens;
+    EXPECT_FALSE(o.reader->sendDFUEnterCommand());  // reopened, then the complete write inverted
+    EXPECT_EQ(val(o.mcu->counters().opens), val(opens + 1));
+    EXPECT_EQ(val(o.mcu->counters().dfuRequests), 1);
+    EXPECT_EQ(o.reader->is_lost, 0);
 }
 
 TEST(McuProtocolFeature, EraseRefusedOnFeatureFirmware) {
@@ -234,8 +254,8 @@ TEST(McuProtocolFeature, LostReaderRefusesEveryCommandWithoutTraffic) {
     EXPECT_FALSE(o.reader->updateEepromMemory(true));
     EXPECT_FALSE(o.reader->writeCurrentDataTime());
     const auto after = o.mcu->counters();
-    EXPECT_EQ(after.featureReads, before.featureReads);
-    EXPECT_EQ(after.featureWrites, before.featureWrites);
+    EXPECT_EQ(val(after.featureReads), val(before.featureReads));
+    EXPECT_EQ(val(after.featureWrites), val(before.featureWrites));
 }
 
 TEST(McuProtocolFeature, FixedAnswers) {
@@ -269,22 +289,22 @@ TEST(McuProtocolLegacy, ReadsAndWritesThroughOutputReports) {
     EXPECT_TRUE(o.reader->sendWriteVarianceCommand(1e-3f, 1e-3f, 1e-3f, 2e-3f, 2e-3f, 2e-3f));
     EXPECT_TRUE(o.reader->sendWriteKlibCommand(0.1f, 0.2f, 0.3f));
     EXPECT_TRUE(o.reader->sendWriteSNCommand(1, 2000000));
-    EXPECT_EQ(o.mcu->eeprom().serial.serial_body, 2000000);
+    EXPECT_EQ(val(o.mcu->eeprom().serial.serial_body), 2000000);
     calib_mono_data mono{};
     mono.values[0] = 3.5f;
     EXPECT_TRUE(o.reader->sendWriteCalibMonoCommand(3, 1, mono));  // code 0xAC, legacy id 12
-    EXPECT_EQ(o.mcu->eeprom().calib_mono[7].id, 0x3E);
+    EXPECT_EQ(val(o.mcu->eeprom().calib_mono[7].id), 0x3E);
     EXPECT_FLOAT_EQ(o.mcu->eeprom().calib_mono[7].values[0], 3.5f);
     float b1[4] = {1, 2, 3, 4};
     EXPECT_TRUE(o.reader->sendWriteCalibStereoCommand(1, 2, 3, b1, b1, b1));
     _extended_gyro_calib_data g{};
     g.misalign[3] = 0.05f;  // offset 25 is compared in the echo
     EXPECT_TRUE(o.reader->sendWriteExtGyroCalibCommand(g));
-    EXPECT_EQ(g.id, 0x41);  // feature id back after success
+    EXPECT_EQ(val(g.id), 0x41);  // feature id back after success
     _extended_acc_calib_data a{};
     a.misalign[1] = 0.02f;
     EXPECT_TRUE(o.reader->sendWriteExtAccCalibCommand(a));
-    EXPECT_EQ(a.id, 0x42);
+    EXPECT_EQ(val(a.id), 0x42);
 
     // Feature-only records do not exist here.
     EXPECT_FALSE(o.reader->sendWriteBaromCalibCommand(1, 0));
@@ -303,7 +323,7 @@ TEST(McuProtocolLegacy, ReadsAndWritesThroughOutputReports) {
     EXPECT_TRUE(o.reader->sendReadBiasCommand());
     EXPECT_FLOAT_EQ(o.reader->eeprom.bias.acc_bias[0], 0.1f);
     EXPECT_TRUE(o.reader->sendReadSNCommand());
-    EXPECT_EQ(o.reader->eeprom.serial.serial_body, 2000000);
+    EXPECT_EQ(val(o.reader->eeprom.serial.serial_body), 2000000);
 }
 
 TEST(McuProtocolLegacy, ExtendedCommandsRefusedBelow517) {
@@ -314,7 +334,7 @@ TEST(McuProtocolLegacy, ExtendedCommandsRefusedBelow517) {
     _extended_acc_calib_data a{};
     EXPECT_FALSE(o.reader->sendWriteExtGyroCalibCommand(g));
     EXPECT_FALSE(o.reader->sendWriteExtAccCalibCommand(a));
-    EXPECT_EQ(o.mcu->counters().legacyRequests, before);
+    EXPECT_EQ(val(o.mcu->counters().legacyRequests), before);
 }
 
 TEST(McuProtocolLegacy, EraseAndDfu) {
@@ -324,7 +344,7 @@ TEST(McuProtocolLegacy, EraseAndDfu) {
     EXPECT_TRUE(o.reader->sendEraseCommandwithSN(1, 999));
     EXPECT_TRUE(log.contains("[enter] sendEraseCommandwithSN 999 1"));
     EXPECT_TRUE(log.contains("[exit] sendEraseCommandwithSN --> OK"));
-    EXPECT_EQ(o.mcu->eeprom().serial.serial_body, 999);
+    EXPECT_EQ(val(o.mcu->eeprom().serial.serial_body), 999);
     EXPECT_FLOAT_EQ(o.mcu->eeprom().bias.gyro_bias[0], 0.f);
     EXPECT_TRUE(o.reader->sendDFUEnterCommand());
     EXPECT_FALSE(o.mcu->present());
@@ -410,6 +430,6 @@ TEST(McuReportId, LegacyIdFromFeatureDeviceAndFeatureIdFromLegacyDeviceAreDroppe
         EXPECT_FALSE(r.updateIMUData(false)) << std::hex << fw;
         EXPECT_EQ(r.has_new_data, 0);
         EXPECT_TRUE(r.updateIMUData(false));
-        EXPECT_EQ(r.getSensorData().timestamp, 300u);
+        EXPECT_EQ(val(r.getSensorData().timestamp), 300u);
     }
 }

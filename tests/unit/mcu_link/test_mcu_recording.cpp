@@ -26,7 +26,7 @@ TEST(Recording, WrittenWhileStreamingAndReadBack) {
         r.setOptExtQuaternion(0.f, 0.f, 0.f, 1.f, static_cast<float>(i), 2.f, 3.f);
         r.setRVFFrameTS(1000u + i);
         ASSERT_TRUE(r.updateIMUData(true));
-        stamps.push_back(r.current_report.timestamp);
+        stamps.push_back(val(r.current_report.timestamp));
     }
     ASSERT_TRUE(r.disableSIDRecording());
     ASSERT_TRUE(r.updateIMUData(true));  // one more sample, not recorded
@@ -36,22 +36,22 @@ TEST(Recording, WrittenWhileStreamingAndReadBack) {
     std::string error;
     ASSERT_TRUE(readSIDFile(path, header, records, error)) << error;
     EXPECT_TRUE(error.empty()) << error;
-    EXPECT_EQ(header.version, 1u);
-    EXPECT_EQ(header.serial_number, 12345678u);
+    EXPECT_EQ(val(header.version), 1u);
+    EXPECT_EQ(val(header.serial_number), 12345678u);
     EXPECT_FLOAT_EQ(header.start_yaw, 0.75f);
     EXPECT_EQ(std::memcmp(&header.eeprom, &r.eeprom, sizeof(r.eeprom)), 0);
-    EXPECT_EQ(header.zero[0] | header.zero[1] | header.zero[2], 0);
+    EXPECT_EQ(val(header.zero[0] | header.zero[1] | header.zero[2]), 0);
     ASSERT_EQ(records.size(), 100u);
     for (size_t i = 0; i < records.size(); ++i) {
         // The record holds the report as it came, before the clock correction.
-        EXPECT_EQ(records[i].report.timestamp, stamps[i]) << i;
-        EXPECT_EQ(records[i].report.report_id, 1);
+        EXPECT_EQ(val(records[i].report.timestamp), val(stamps[i])) << i;
+        EXPECT_EQ(val(records[i].report.report_id), 1);
         EXPECT_FLOAT_EQ(records[i].ext_quaternion[3], 1.f);
         EXPECT_FLOAT_EQ(records[i].ext_quaternion[4], static_cast<float>(i));
-        EXPECT_EQ(records[i].frame_ts, 1000u + i);
-        EXPECT_EQ(records[i].zero0[0] | records[i].zero0[1], 0);
+        EXPECT_EQ(val(records[i].frame_ts), val(1000u + i));
+        EXPECT_EQ(val(records[i].zero0[0] | records[i].zero0[1]), 0);
         if (i > 0) {
-            EXPECT_GT(records[i].report.timestamp, records[i - 1].report.timestamp);
+            EXPECT_GT(val(records[i].report.timestamp), val(records[i - 1].report.timestamp));
         }
     }
 }
@@ -83,9 +83,9 @@ TEST(Recording, ReplayFileIsReadByOpenWhichStillFails) {
     SimMachine sim;
     sim.install();
     IMUHidReader r(false, 11011, 1, false, path);
-    EXPECT_EQ(r.is_replay, 1);
+    EXPECT_EQ(val(r.is_replay), 1);
     EXPECT_EQ(r.open(0, true, false), -1);
-    EXPECT_EQ(r.serial_number, 4242u);
+    EXPECT_EQ(val(r.serial_number), 4242u);
     EXPECT_FLOAT_EQ(r.start_yaw, 1.5f);
     EXPECT_FLOAT_EQ(r.eeprom.bias.gyro_bias[0], 0.125f);
     EXPECT_TRUE(r.sendStartDataStreamingCommand());  // no traffic in replay

@@ -23,9 +23,9 @@ TEST(McuScenario, ShippedScenarioGetsTheFullModel) {
     auto m = sim::loadScenario(std::string(KOV_SOURCE_DIR) + "/sim/scenarios/kov_pico_mcu_only.json");
     auto mcu = onlyMcu(*m);
     ASSERT_NE(mcu, nullptr);
-    EXPECT_EQ(mcu->identity().path, sim::hidPath(1, 6, 0));
-    EXPECT_EQ(mcu->identity().releaseNumber, 0x305);
-    EXPECT_EQ(mcu->identity().serial, L"23456789");
+    EXPECT_EQ(val(mcu->identity().path), sim::hidPath(1, 6, 0));
+    EXPECT_EQ(val(mcu->identity().releaseNumber), 0x305);
+    EXPECT_EQ(val(mcu->identity().serial), L"23456789");
     m->setClock(std::make_shared<sim::SteppedClock>());
     platform::ScopedBackend scope(sim::makeBackend(m));
     IMUHidReader r(false, VENDOR, PICO);
@@ -46,23 +46,23 @@ TEST(McuScenario, KeysAndFaults) {
     auto mcu = onlyMcu(*m);
     ASSERT_NE(mcu, nullptr);
     const sim::McuConfig& c = mcu->config();
-    EXPECT_EQ(c.productId, 0xF781);
-    EXPECT_EQ(c.firmware, 0x206);
-    EXPECT_EQ(mcu->identity().serial, L"0");
-    EXPECT_EQ(mcu->identity().path, sim::hidPath(2, 9, 0));
-    EXPECT_EQ(c.eeprom.imu_odr.odr, 1);
+    EXPECT_EQ(val(c.productId), 0xF781);
+    EXPECT_EQ(val(c.firmware), 0x206);
+    EXPECT_EQ(val(mcu->identity().serial), L"0");
+    EXPECT_EQ(val(mcu->identity().path), sim::hidPath(2, 9, 0));
+    EXPECT_EQ(val(c.eeprom.imu_odr.odr), 1);
     EXPECT_DOUBLE_EQ(c.frameRate, 15);
     EXPECT_DOUBLE_EQ(c.envRate, 10);
     EXPECT_DOUBLE_EQ(c.magRate, 20);
     EXPECT_DOUBLE_EQ(c.clockScale, 1.2);
     EXPECT_TRUE(c.stalled);
-    EXPECT_EQ(c.ignoreFirstRequests, 3);
-    EXPECT_EQ(c.shortReadsAfter, 5);
-    EXPECT_EQ(c.shortReadsCount, 2);
-    EXPECT_EQ(c.clockJumpBackAfter, 100);
-    EXPECT_EQ(c.resetDropoutMs, 50);
-    EXPECT_EQ(c.unplugAfter, 1000);
-    EXPECT_EQ(c.readdressOnUsbReset, 1);
+    EXPECT_EQ(val(c.ignoreFirstRequests), 3);
+    EXPECT_EQ(val(c.shortReadsAfter), 5);
+    EXPECT_EQ(val(c.shortReadsCount), 2);
+    EXPECT_EQ(val(c.clockJumpBackAfter), 100);
+    EXPECT_EQ(val(c.resetDropoutMs), 50);
+    EXPECT_EQ(val(c.unplugAfter), 1000);
+    EXPECT_EQ(val(c.readdressOnUsbReset), 1);
     EXPECT_FALSE(c.legacyStreamAtBoot);
     EXPECT_EQ(m->usb().devices().size(), 1u);
 }
@@ -81,9 +81,9 @@ TEST(McuScenario, MissingSerialStringAndEepromBytes) {
     auto m = sim::parseScenario(json, "eeprom.json");
     auto mcu = onlyMcu(*m);
     ASSERT_NE(mcu, nullptr);
-    EXPECT_EQ(mcu->identity().serial, L"");
-    EXPECT_EQ(mcu->eeprom().serial.serial_prefix, 3);
-    EXPECT_EQ(mcu->eeprom().imu_odr.odr, 3);
+    EXPECT_EQ(val(mcu->identity().serial), L"");
+    EXPECT_EQ(val(mcu->eeprom().serial.serial_prefix), 3);
+    EXPECT_EQ(val(mcu->eeprom().imu_odr.odr), 3);
 }
 
 TEST(McuScenario, BadEntriesNameTheField) {
@@ -128,11 +128,11 @@ TEST(McuScenario, FaultScenarioStreamsThroughTheRecoveryAndTheClockReset) {
     for (int i = 0; i < 3000; ++i) {
         ASSERT_TRUE(r.updateIMUData(true));
         if (i > 0) {
-            ASSERT_EQ(r.getCurrentMCUTimeStamp() - last, 2500u) << i;
+            ASSERT_EQ(val(r.getCurrentMCUTimeStamp() - last), 2500u) << i;
         }
         last = r.getCurrentMCUTimeStamp();
     }
-    EXPECT_NE(r.accumulated_ts_offset, 0u);
+    EXPECT_NE(val(r.accumulated_ts_offset), 0u);
     EXPECT_FALSE(std::isnan(r.getEnvPressure()));
 }
 
@@ -145,6 +145,6 @@ TEST(McuScenario, LegacyScenarioReadsItsImageDespiteIgnoredRequests) {
     IMUHidReader r(false, VENDOR, PICO);
     ASSERT_EQ(r.open(0, true, false), 12345678);
     EXPECT_TRUE(r.updateEepromMemory(false));
-    EXPECT_EQ(mcu->counters().ignoredRequests, 2);
-    EXPECT_EQ(r.serial_number, 12345678u);
+    EXPECT_EQ(val(mcu->counters().ignoredRequests), 2);
+    EXPECT_EQ(val(r.serial_number), 12345678u);
 }

@@ -69,16 +69,16 @@ TEST_P(StreamingAtRate, SamplesArriveAtTheRateWithMonotonicHostTime) {
         lastTs = ts;
         const uint64_t mcu = s.reader->getCurrentMCUTimeStamp();
         if (samples > 1) {
-            EXPECT_EQ(s.reader->getDeltaTime_us(), 1000000u / hz);
-            EXPECT_EQ(mcu - lastMcu, 1000000u / hz);
+            EXPECT_EQ(s.reader->getDeltaTime_us(), val(1000000u / hz));
+            EXPECT_EQ(val(mcu - lastMcu), val(1000000u / hz));
         }
         lastMcu = mcu;
     }
     EXPECT_NEAR(samples, 5 * hz, 2);
     EXPECT_NEAR(s.triggers, 150, 2);
-    EXPECT_EQ(s.reader->sample_counter, static_cast<uint32_t>(samples));
+    EXPECT_EQ(val(s.reader->sample_counter), static_cast<uint32_t>(samples));
     // A ping goes out every 400 calls.
-    EXPECT_GE(s.mcu->counters().pings, samples / 400 - 1);
+    EXPECT_GE(val(s.mcu->counters().pings), val(samples / 400 - 1));
 }
 
 TEST_P(StreamingAtRate, ClockLocksAfterSixSetsOfHundredTriggersThenFollowsTheMcu) {
@@ -87,15 +87,15 @@ TEST_P(StreamingAtRate, ClockLocksAfterSixSetsOfHundredTriggersThenFollowsTheMcu
     c.clockScale = 1.001;  // the MCU's crystal runs a little fast
     Stream s(c);
     ASSERT_TRUE(s.untilTriggers(1));
-    EXPECT_NE(s.reader->mcu_time_ns, 0u);  // the first trigger starts the MCU clock
+    EXPECT_NE(val(s.reader->mcu_time_ns), 0u);  // the first trigger starts the MCU clock
     for (int set = 1; set <= 6; ++set) {
         ASSERT_TRUE(s.untilTriggers(1 + 100 * set - 1));
-        EXPECT_EQ(s.reader->ts_locked, 0) << "set " << set;
-        EXPECT_EQ(s.reader->ntp_count, set - 1);
+        EXPECT_EQ(val(s.reader->ts_locked), 0) << "set " << set;
+        EXPECT_EQ(val(s.reader->ntp_count), val(set - 1));
         ASSERT_TRUE(s.untilTriggers(1 + 100 * set));
-        EXPECT_EQ(s.reader->ntp_count, set);
+        EXPECT_EQ(val(s.reader->ntp_count), set);
     }
-    EXPECT_EQ(s.reader->ts_locked, 1);
+    EXPECT_EQ(val(s.reader->ts_locked), 1);
     // The first sets measure the drift: the ratio corrects it.
     EXPECT_NEAR(s.reader->clock_ratio, 1.0 / 1.001, 2e-4);
 
@@ -106,11 +106,11 @@ TEST_P(StreamingAtRate, ClockLocksAfterSixSetsOfHundredTriggersThenFollowsTheMcu
     for (int i = 0; i < 4000; ++i) {
         ASSERT_TRUE(s.next());
         const uint64_t ts = s.reader->getCurrentBHIMUTimestamp();
-        EXPECT_EQ(ts, s.reader->mcu_time_ns);
+        EXPECT_EQ(ts, val(s.reader->mcu_time_ns));
         EXPECT_GT(ts, last);
         last = ts;
         const int64_t host = s.sim.clock->systemNanoseconds();
-        EXPECT_LT(std::llabs(static_cast<long long>(ts) - host), 20000000LL);
+        EXPECT_LT(val(std::llabs(static_cast<long long>(ts) - host)), 20000000LL);
         if (static_cast<int64_t>(ts) != host)
             ++differing;
     }
@@ -144,13 +144,13 @@ TEST(StreamingClock, OffsetBeforeTheHundredthTriggerLocksAtNowMinusOffset) {
     const long offset = 7000000;
     s.reader->setTSOffset(offset);
     ASSERT_TRUE(s.untilTriggers(100));
-    EXPECT_EQ(s.reader->ts_locked, 0);
+    EXPECT_EQ(val(s.reader->ts_locked), 0);
     ASSERT_TRUE(s.untilTriggers(101));
-    EXPECT_EQ(s.reader->ts_locked, 1);
-    EXPECT_EQ(s.reader->ts_offset_pending, 0);
-    EXPECT_EQ(s.reader->ntp_count, 1);
+    EXPECT_EQ(val(s.reader->ts_locked), 1);
+    EXPECT_EQ(val(s.reader->ts_offset_pending), 0);
+    EXPECT_EQ(val(s.reader->ntp_count), 1);
     const int64_t now = s.sim.clock->systemNanoseconds();
-    EXPECT_EQ(static_cast<int64_t>(s.reader->getCurrentBHIMUTimestamp()), now - offset);
+    EXPECT_EQ(static_cast<int64_t>(s.reader->getCurrentBHIMUTimestamp()), val(now - offset));
 }
 
 TEST(StreamingClock, WithoutTriggerTheHostClockStampsTheSamples) {
@@ -160,9 +160,9 @@ TEST(StreamingClock, WithoutTriggerTheHostClockStampsTheSamples) {
         EXPECT_EQ(static_cast<int64_t>(s.reader->getCurrentBHIMUTimestamp()),
                   s.sim.clock->systemNanoseconds());
     }
-    EXPECT_EQ(s.reader->mcu_time_ns, 0u);
-    EXPECT_EQ(s.reader->ts_locked, 0);
-    EXPECT_EQ(s.reader->current_report.sync_capabilities, 0);
+    EXPECT_EQ(val(s.reader->mcu_time_ns), 0u);
+    EXPECT_EQ(val(s.reader->ts_locked), 0);
+    EXPECT_EQ(val(s.reader->current_report.sync_capabilities), 0);
 }
 
 TEST(StreamingClock, McuCounterResetKeepsTheTimelineSmooth) {
@@ -180,12 +180,12 @@ TEST(StreamingClock, McuCounterResetKeepsTheTimelineSmooth) {
             const uint64_t mcu = s.reader->getCurrentMCUTimeStamp();
             const uint64_t host = s.reader->getCurrentBHIMUTimestamp();
             if (i > 0) {
-                ASSERT_EQ(mcu - lastMcu, step) << "sample " << i;
+                ASSERT_EQ(val(mcu - lastMcu), step) << "sample " << i;
                 ASSERT_GT(host, lastHost) << "sample " << i;
             }
             if (s.reader->accumulated_ts_offset != 0 && !jumped) {
                 jumped = true;
-                EXPECT_EQ(s.reader->ts_locked, 1);
+                EXPECT_EQ(val(s.reader->ts_locked), 1);
             }
             lastMcu = mcu;
             lastHost = host;
@@ -264,15 +264,15 @@ TEST(StreamingScripted, EnvValid1BeforeAny2FillsOnceLaterOnesChangeNothing) {
     ASSERT_TRUE(s.reader->updateIMUData(false));
     EXPECT_FLOAT_EQ(s.reader->getEnvHumidity(), 1.f);
     EXPECT_FLOAT_EQ(s.reader->getEnvTemperature(), 20.f);
-    EXPECT_EQ(s.reader->env_ticks, 100u);
+    EXPECT_EQ(val(s.reader->env_ticks), 100u);
     ASSERT_TRUE(s.reader->updateIMUData(false));
     EXPECT_FLOAT_EQ(s.reader->getEnvHumidity(), 1.f);
     EXPECT_FLOAT_EQ(s.reader->getEnvTemperature(), 20.f);
-    EXPECT_EQ(s.reader->env_ticks, 100u);
+    EXPECT_EQ(val(s.reader->env_ticks), 100u);
     ASSERT_TRUE(s.reader->updateIMUData(false));
     EXPECT_FLOAT_EQ(s.reader->getEnvHumidity(), 4.f);
     EXPECT_FLOAT_EQ(s.reader->getEnvTemperature(), 40.f);
-    EXPECT_EQ(s.reader->env_ticks, 300u);
+    EXPECT_EQ(val(s.reader->env_ticks), 300u);
 }
 
 TEST(StreamingScripted, EnvValid3ReadsAs0AndTheGettersGiveNaN) {
@@ -280,11 +280,11 @@ TEST(StreamingScripted, EnvValid3ReadsAs0AndTheGettersGiveNaN) {
     ASSERT_TRUE(s.reader->updateIMUData(false));
     EXPECT_FALSE(std::isnan(s.reader->getEnvTemperature()));
     ASSERT_TRUE(s.reader->updateIMUData(false));
-    EXPECT_EQ(s.reader->current_report.env_valid, 0);
+    EXPECT_EQ(val(s.reader->current_report.env_valid), 0);
     EXPECT_TRUE(std::isnan(s.reader->getEnvTemperature()));
     EXPECT_TRUE(std::isnan(s.reader->getEnvHumidity()));
     EXPECT_TRUE(std::isnan(s.reader->getEnvPressure()));
-    EXPECT_EQ(s.reader->env_humidity, 1024u);  // nothing stored
+    EXPECT_EQ(val(s.reader->env_humidity), 1024u);  // nothing stored
 }
 
 TEST(StreamingScripted, FirstTwoPressuresThroughTheFilterGiveZero) {
@@ -304,13 +304,13 @@ TEST(StreamingScripted, MagValidAbove2IsZeroedAndStoresNothing) {
     c.mag_valid = 7;
     Scripted s({a, b, c});
     ASSERT_TRUE(s.reader->updateIMUData(false));
-    EXPECT_EQ(s.reader->mag_ticks, 100u);
+    EXPECT_EQ(val(s.reader->mag_ticks), 100u);
     ASSERT_TRUE(s.reader->updateIMUData(false));
-    EXPECT_EQ(s.reader->mag_ticks, 100u);
+    EXPECT_EQ(val(s.reader->mag_ticks), 100u);
     ASSERT_TRUE(s.reader->updateIMUData(false));
-    EXPECT_EQ(s.reader->current_report.mag_valid, 0);
+    EXPECT_EQ(val(s.reader->current_report.mag_valid), 0);
     EXPECT_TRUE(std::isnan(s.reader->getMappedMagnetoX()));
-    EXPECT_EQ(s.reader->mag_ticks, 100u);
+    EXPECT_EQ(val(s.reader->mag_ticks), 100u);
 }
 
 TEST(StreamingScripted, FrameSyncEvents) {
@@ -325,8 +325,8 @@ TEST(StreamingScripted, FrameSyncEvents) {
     const uint64_t ticks[5] = {0, 200, 300, 400, 400};
     for (int i = 0; i < 5; ++i) {
         ASSERT_TRUE(s.reader->updateIMUData(false));
-        EXPECT_EQ(s.reader->sync_event, expected[i]) << i;
-        EXPECT_EQ(s.reader->sync_ticks, ticks[i]) << i;
+        EXPECT_EQ(val(s.reader->sync_event), val(expected[i])) << i;
+        EXPECT_EQ(val(s.reader->sync_ticks), val(ticks[i])) << i;
     }
 }
 
@@ -337,7 +337,7 @@ TEST(StreamingScripted, InvalidInertialSampleKeepsTheClockButIsNotDelivered) {
     ASSERT_TRUE(s.reader->updateIMUData(false));
     EXPECT_FALSE(s.reader->updateIMUData(false));
     EXPECT_EQ(s.reader->has_new_data, 0);
-    EXPECT_EQ(s.reader->last_ticks, 164u);
+    EXPECT_EQ(val(s.reader->last_ticks), 164u);
     ASSERT_TRUE(s.reader->updateIMUData(false));
     EXPECT_EQ(s.reader->getDeltaTime_us(), 2500u);
 }
@@ -347,9 +347,9 @@ TEST(StreamingScripted, CounterRestartPlacesTheSampleOneIntervalAfterTheLast) {
     uint64_t expectTicks[5] = {1000, 1064, 1128, 1192, 1256};
     for (int i = 0; i < 5; ++i) {
         ASSERT_TRUE(s.reader->updateIMUData(false));
-        EXPECT_EQ(s.reader->current_report.timestamp, expectTicks[i]) << i;
+        EXPECT_EQ(val(s.reader->current_report.timestamp), val(expectTicks[i])) << i;
     }
-    EXPECT_EQ(s.reader->accumulated_ts_offset, 1128u);
+    EXPECT_EQ(val(s.reader->accumulated_ts_offset), 1128u);
     EXPECT_EQ(s.reader->getDeltaTime_us(), 2500u);
 }
 
@@ -359,18 +359,18 @@ TEST(StreamingScripted, ShortReadsReopenOnceThenMarkLostAndAGoodSampleClearsIt) 
     const int opensBefore = static_cast<int>(s.dev->featureWrites.size());
     ASSERT_TRUE(s.reader->updateIMUData(false));
     EXPECT_FALSE(s.reader->updateIMUData(false));
-    EXPECT_EQ(s.reader->reopen_failures, 1);
-    EXPECT_NE(s.reader->handle, nullptr);                                   // reopened
+    EXPECT_EQ(val(s.reader->reopen_failures), 1);
+    EXPECT_NE(val(s.reader->handle), nullptr);                              // reopened
     EXPECT_GT(static_cast<int>(s.dev->featureWrites.size()), opensBefore);  // streaming restarted
     EXPECT_EQ(s.reader->is_lost, 0);
     EXPECT_FALSE(s.reader->updateIMUData(false));
     EXPECT_EQ(s.reader->is_lost, 0);
     EXPECT_FALSE(s.reader->updateIMUData(false));
     EXPECT_EQ(s.reader->is_lost, 1);
-    EXPECT_EQ(s.reader->reopen_failures, 3);
+    EXPECT_EQ(val(s.reader->reopen_failures), 3);
     EXPECT_TRUE(s.reader->updateIMUData(false));
     EXPECT_EQ(s.reader->is_lost, 0);
-    EXPECT_EQ(s.reader->reopen_failures, 0);
+    EXPECT_EQ(val(s.reader->reopen_failures), 0);
 }
 
 TEST(StreamingScripted, LibraryErrorProcessesThePreviousBufferAgain) {
@@ -379,7 +379,7 @@ TEST(StreamingScripted, LibraryErrorProcessesThePreviousBufferAgain) {
     ASSERT_TRUE(s.reader->updateIMUData(false));
     // -1 passes the unsigned length test: the last sample comes again, no time passes.
     EXPECT_TRUE(s.reader->updateIMUData(false));
-    EXPECT_EQ(s.reader->current_report.timestamp, 100u);
+    EXPECT_EQ(val(s.reader->current_report.timestamp), 100u);
     EXPECT_EQ(s.reader->getDeltaTime_us(), 0u);
 }
 
@@ -388,7 +388,7 @@ TEST(StreamingScripted, DeviceGoneBeforeTheReopenLeavesNoHandleAndNoCrash) {
     ASSERT_TRUE(s.reader->updateIMUData(false));
     s.dev->isPresent = false;
     EXPECT_FALSE(s.reader->updateIMUData(false));  // time-out, reopen fails
-    EXPECT_EQ(s.reader->handle, nullptr);
+    EXPECT_EQ(val(s.reader->handle), nullptr);
     for (int i = 0; i < 5; ++i)
         EXPECT_FALSE(s.reader->updateIMUData(false));
     EXPECT_FALSE(s.reader->isDataStreamEnabled());
@@ -432,7 +432,7 @@ TEST(StreamingSim, DeviceUnpluggedMidStreamDoesNotCrash) {
     // with no time between, and nothing else happens.
     for (int i = 0; i < 5; ++i) {
         s.reader->updateIMUData(false);
-        EXPECT_EQ(s.reader->current_report.timestamp, last);
+        EXPECT_EQ(val(s.reader->current_report.timestamp), last);
         EXPECT_EQ(s.reader->getDeltaTime_us(), 0u);
     }
     s.reader->close();
@@ -448,7 +448,7 @@ TEST(StreamingSim, LegacyFirmwareStreamsAt800Hz) {
     while (s.reader->getCurrentMCUTimeStamp() - start < 1000000u) {
         ASSERT_TRUE(s.next());
         ++n;
-        EXPECT_EQ(s.reader->current_report.report_id, 0);
+        EXPECT_EQ(val(s.reader->current_report.report_id), 0);
         EXPECT_EQ(s.reader->getDeltaTime_us(), 1250u);
     }
     EXPECT_EQ(n, 800);

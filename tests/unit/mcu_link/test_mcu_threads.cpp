@@ -30,7 +30,7 @@ TEST(McuThreads, CommandsAndCopiesWhileStreaming) {
     while (!done) {
         McuSensorReport rep = r.getSensorData();
         if (rep.report_id == 1) {
-            EXPECT_GE(rep.timestamp, lastTs);
+            EXPECT_GE(val(rep.timestamp), lastTs);
             lastTs = rep.timestamp;
         }
         ++copies;

@@ -26,9 +26,9 @@ TEST(McuUsbRecover, ClearsBothHaltsAndResets) {
     LogCapture log;
     EXPECT_EQ(mcu_usb_recover(b.path().c_str()), 0);
     const auto n = b.mcu->counters();
-    EXPECT_EQ(n.usbClaims, 1);
-    EXPECT_EQ(n.usbClearHalts, 2);
-    EXPECT_EQ(n.usbResets, 1);
+    EXPECT_EQ(val(n.usbClaims), 1);
+    EXPECT_EQ(val(n.usbClearHalts), 2);
+    EXPECT_EQ(val(n.usbResets), 1);
     EXPECT_FALSE(b.mcu->stalled());
     EXPECT_TRUE(log.lines().empty());
     EXPECT_EQ(b.live(), 0u);
@@ -41,7 +41,7 @@ TEST(McuUsbRecover, PathsWithoutThreeFieldsDoNothing) {
         EXPECT_EQ(mcu_usb_recover(p), 0) << p;
     }
     EXPECT_EQ(mcu_usb_recover(nullptr), 0);
-    EXPECT_EQ(b.mcu->counters().usbClaims, 0);
+    EXPECT_EQ(val(b.mcu->counters().usbClaims), 0);
     EXPECT_TRUE(log.lines().empty());
 }
 
@@ -72,8 +72,8 @@ TEST(McuUsbRecover, ClaimFailureLeavesTheHaltsAndStillReleasesAndCloses) {
     EXPECT_EQ(mcu_usb_recover(b.path().c_str()), LIBUSB_ERROR_BUSY);
     EXPECT_TRUE(log.contains("libusb_claim_interface failed"));
     EXPECT_TRUE(log.contains("libhid error: LIBUSB_ERROR_BUSY"));
-    EXPECT_EQ(b.mcu->counters().usbClearHalts, 0);
-    EXPECT_EQ(b.mcu->counters().usbResets, 0);
+    EXPECT_EQ(val(b.mcu->counters().usbClearHalts), 0);
+    EXPECT_EQ(val(b.mcu->counters().usbResets), 0);
     EXPECT_TRUE(b.mcu->stalled());
     EXPECT_EQ(b.live(), 0u);  // handle closed, list freed, context gone
 }
@@ -105,11 +105,11 @@ TEST(McuUsbRecover, MalformedNumbersGiveAMessageNotACrash) {
     EXPECT_EQ(mcu_usb_recover("0001::00"), LIBUSB_ERROR_INVALID_PARAM);
     EXPECT_EQ(mcu_usb_recover("ffffffffffffffffffffffff:1:0"), LIBUSB_ERROR_INVALID_PARAM);
     EXPECT_TRUE(log.contains("(stoul: out of range)"));
-    EXPECT_EQ(b.mcu->counters().usbClaims, 0);
+    EXPECT_EQ(val(b.mcu->counters().usbClaims), 0);
     // Hexadecimal with prefix and values truncated to 8 bits are read as stoul reads them.
     const auto dev = b.mcu->usbDevice();
     char path[64];
     std::snprintf(path, sizeof path, "0x%x:%x:00", dev->bus, 0x100 + dev->address);
     EXPECT_EQ(mcu_usb_recover(path), 0);
-    EXPECT_EQ(b.mcu->counters().usbResets, 1);
+    EXPECT_EQ(val(b.mcu->counters().usbResets), 1);
 }
