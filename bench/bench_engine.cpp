@@ -39,7 +39,7 @@ struct Fixture {
             m.acc[1] = static_cast<int16_t>((i % 11) - 5);
             return m;
         };
-        engine = std::make_unique<bh::KOVmcu>(false, 11011, 2, std::move(r));
+        engine = std::make_unique<bh::KOVmcu>(false, 11011, bh::KOVT, std::move(r));
         engine->open(20123456, false, IMU_ODR_800);
         engine->updateCameraIMUcalibration();
         engine->beginFusion();

@@ -59,7 +59,7 @@ void KOVmcu::setGMSLReaderFactory(ReaderFactory factory) {
     gmslFactory() = std::move(factory);
 }
 
-void KOVmcu::construct(bool verbose_flag, uint16_t vendor, int model_value) {
+void KOVmcu::construct(bool verbose_flag, uint16_t vendor, MODEL model_value) {
     verbose = verbose_flag ? 1 : 0;
     vendor_id = vendor;
     model = model_value;
@@ -78,7 +78,7 @@ void KOVmcu::construct(bool verbose_flag, uint16_t vendor, int model_value) {
     current_orientation = RTQuaternion(1.f, 0.f, 0.f, 0.f);
 }
 
-KOVmcu::KOVmcu(bool verbose_flag, uint16_t vendor, int model_value, bool allow_recording,
+KOVmcu::KOVmcu(bool verbose_flag, uint16_t vendor, MODEL model_value, bool allow_recording,
                std::string sid_path)
     : imu_queue(1000), batch_queue(1000), sync_queue(1000) {
     construct(verbose_flag, vendor, model_value);
@@ -97,7 +97,8 @@ KOVmcu::KOVmcu(bool verbose_flag, uint16_t vendor, int model_value, bool allow_r
     }
 }
 
-KOVmcu::KOVmcu(bool verbose_flag, uint16_t vendor, int model_value, std::unique_ptr<VirtualIMUReader> reader)
+KOVmcu::KOVmcu(bool verbose_flag, uint16_t vendor, MODEL model_value,
+               std::unique_ptr<VirtualIMUReader> reader)
     : imu_queue(1000), batch_queue(1000), sync_queue(1000) {
     construct(verbose_flag, vendor, model_value);
     imu_reader = std::move(reader);
@@ -338,12 +339,12 @@ void KOVmcu::close() {
     imu_status.reset();
 
     if (imu_reader && imu_reader->is_open && !imu_reader->is_replay && fusion_bias.updated &&
-        (device == mcu_device::KOV_P_MCU || device == mcu_device::KOVT_MCU ||
-         device == mcu_device::KOVTr_MCU || device == mcu_device::GMSL_IMU)) {
+        (device == BH_DEVICE_KOV_P_MCU || device == BH_DEVICE_KOVT_MCU || device == BH_DEVICE_KOVTr_MCU ||
+         device == BH_DEVICE_GMSL_IMU)) {
         std::vector<float> values(6, 0.f);
         for (int i = 0; i < 3; ++i) {
             float estimate = fusion_bias.bias[i];
-            if (device == mcu_device::KOV_P_MCU && imu_reader->firmware_version < mcu_fw::EXT_CALIB_FROM) {
+            if (device == BH_DEVICE_KOV_P_MCU && imu_reader->firmware_version < mcu_fw::EXT_CALIB_FROM) {
                 estimate /= gyro_lsb * kDegToRad;
             }
             values[static_cast<size_t>(i)] = estimate < 0.2f ? estimate : 0.f;

@@ -47,10 +47,10 @@ public:
     // Builds the reader the model calls for (HID for the USB models). GMSL
     // models get their reader from the factory registered by the GMSL layer;
     // without one the engine has no reader and open() answers FAILURE.
-    KOVmcu(bool verbose, uint16_t vendor_id, int model, bool allow_recording = false,
+    KOVmcu(bool verbose, uint16_t vendor_id, MODEL model, bool allow_recording = false,
            std::string sid_path = "./imu.sid");
     // Takes a reader that is already built (GMSL layer, tests, benchmarks).
-    KOVmcu(bool verbose, uint16_t vendor_id, int model, std::unique_ptr<VirtualIMUReader> reader);
+    KOVmcu(bool verbose, uint16_t vendor_id, MODEL model, std::unique_ptr<VirtualIMUReader> reader);
     ~KOVmcu();
 
     KOVmcu(const KOVmcu&) = delete;
@@ -182,8 +182,8 @@ public:
     synchronizedQVector<IMUPacket> batch_queue;
     synchronizedQVector<IMUPacket> sync_queue;
 
-    int model = 0;
-    int device = mcu_device::NONE;
+    MODEL model = KOV;
+    BH_DEVICE device = BH_DEVICE_NONE;
     MCUModelInfo model_info;
     uint16_t vendor_id = 0;
 
@@ -234,7 +234,7 @@ public:
     int first_sample_wait_rounds = 1002;
 
 private:
-    void construct(bool verbose_flag, uint16_t vendor, int model_value);
+    void construct(bool verbose_flag, uint16_t vendor, MODEL model_value);
     void fillCalibrationFromEeprom();
     bool writePrologue(const char* where, bool& stream_was_on, bool stop_capture = true);
     MCU_STATUS writeEpilogue(bool stream_was_on, bool reread, bool camera_calib);

@@ -19,39 +19,39 @@ constexpr std::array<uint16_t, 31> kProductIds = {
 
 }  // namespace
 
-uint16_t mcuProductId(int model) {
+uint16_t mcuProductId(MODEL model) {
     if (model < 1 || model > static_cast<int>(kProductIds.size())) {
         return 0;
     }
     return kProductIds[static_cast<size_t>(model - 1)];
 }
 
-MCUModelInfo mcuModelInfo(int model) {
+MCUModelInfo mcuModelInfo(MODEL model) {
     MCUModelInfo info;
     info.product_id = mcuProductId(model);
     switch (model) {
-        case mcu_model::KOV_P:
-            info.device = mcu_device::KOV_P_MCU;
+        case KOV_P:
+            info.device = BH_DEVICE_KOV_P_MCU;
             info.default_imu_position = Eigen::Vector3f(15.238f, 1.706f, -2.0f);
             break;
-        case mcu_model::KOVT:
-            info.device = mcu_device::KOVT_MCU;
+        case KOVT:
+            info.device = BH_DEVICE_KOVT_MCU;
             info.default_imu_position = Eigen::Vector3f(23.061f, -0.217f, -2.0f);
             break;
-        case mcu_model::KOVTr:
-            info.device = mcu_device::KOVTr_MCU;
+        case KOVTr:
+            info.device = BH_DEVICE_KOVTr_MCU;
             info.default_imu_position = Eigen::Vector3f(23.061f, -0.217f, -2.0f);
             break;
-        case mcu_model::KOV_Q:
-        case mcu_model::KOV_QP:
-        case mcu_model::KOV_QS_A:
-        case mcu_model::KOV_QS_B:
+        case KOV_Q:
+        case KOV_QP:
+        case KOV_QS_A:
+        case KOV_QS_B:
             info.reader = IMU_READER_KIND::GMSL;
             info.accel_lsb = 0.0003662109375f;
-            info.device = mcu_device::GMSL_IMU;
-            if (model == mcu_model::KOV_Q) {
+            info.device = BH_DEVICE_GMSL_IMU;
+            if (model == KOV_Q) {
                 info.default_imu_position = Eigen::Vector3f(35.649f, 0.147f, 0.f);
-            } else if (model == mcu_model::KOV_QP) {
+            } else if (model == KOV_QP) {
                 info.default_imu_position = Eigen::Vector3f(34.502f, 4.356f, 0.f);
             }
             break;

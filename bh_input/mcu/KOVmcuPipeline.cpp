@@ -159,7 +159,7 @@ bool KOVmcu::readIMUData() {
 
     sample.sync_event = r.sync_event;
     sample.bias_converged = fusion_bias.steady ? 1 : 0;
-    if (device != mcu_device::KOV_P_MCU && report.imu_state == 1) {
+    if (device != BH_DEVICE_KOV_P_MCU && report.imu_state == 1) {
         sample.imu_state = 2;
     } else {
         sample.imu_state = fusion_bias.steady ? 0 : 1;
@@ -299,7 +299,7 @@ void KOVmcu::beginFusion() {
         std::lock_guard<std::mutex> lock(queue_mutex);
         current_orientation = RTQuaternion(1.f, 0.f, 0.f, 0.f);
     }
-    const double low = (device == mcu_device::KOVT_MCU || device == mcu_device::KOVTr_MCU) ? 0.06 : 0.1;
+    const double low = (device == BH_DEVICE_KOVT_MCU || device == BH_DEVICE_KOVTr_MCU) ? 0.06 : 0.1;
     filter.setErrorLimits(low, 0.2);
     altitude_estimator = std::make_unique<AltitudeEstimator>(0.008f, 0.09f, 0.18f, 0.25f, 0.05f);
     if (imu_status) {
@@ -343,7 +343,7 @@ bool KOVmcu::fusionRound() {
     const Eigen::Vector3f acc(sample.accel[0], sample.accel[1], sample.accel[2]);
 
     if (round_counter == first_estimate_target &&
-        (device == mcu_device::KOVT_MCU || device == mcu_device::KOVTr_MCU) && !sample.mag_valid) {
+        (device == BH_DEVICE_KOVT_MCU || device == BH_DEVICE_KOVTr_MCU) && !sample.mag_valid) {
         // wait for the first magnetometer sample
         ++first_estimate_target;
     }

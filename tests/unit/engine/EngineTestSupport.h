@@ -45,7 +45,7 @@ struct LogCapture {
 };
 
 struct EngineOnMemory {
-    EngineOnMemory(int model, int firmware, int prefix = 2, int body = 123456) {
+    EngineOnMemory(bh::MODEL model, int firmware, int prefix = 2, int body = 123456) {
         auto r = std::make_unique<MemoryIMUReader>(firmware, prefix, body);
         reader = r.get();
         observed = r->observed;

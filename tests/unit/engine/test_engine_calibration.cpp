@@ -8,15 +8,10 @@
 
 #include "tests/unit/engine/EngineTestSupport.h"
 
-namespace {
-
-constexpr int kPico = 1;
-constexpr int kTera = 2;
-
-}  // namespace
+namespace {}  // namespace
 
 TEST(EngineCalibration, TransformUsesTheRecordAndTheModelPosition) {
-    EngineOnMemory e(kTera, 0x305);
+    EngineOnMemory e(bh::KOVT, 0x305);
     e.reader->device_eeprom.cam_imu.rot[2] = 0.1f;
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     e.engine->calib.R.setZero();  // unset: the record's vector is used
@@ -32,7 +27,7 @@ TEST(EngineCalibration, TransformUsesTheRecordAndTheModelPosition) {
 }
 
 TEST(EngineCalibration, CalibratedValuesWinOverTheRecord) {
-    EngineOnMemory e(kPico, 0x305);
+    EngineOnMemory e(bh::KOV_P, 0x305);
     e.reader->device_eeprom.cam_imu.rot[2] = 0.1f;
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     e.engine->calib.R = Eigen::Vector3f(0.f, 0.2f, 0.f);
@@ -47,7 +42,7 @@ TEST(EngineCalibration, CalibratedValuesWinOverTheRecord) {
 
 TEST(EngineCalibration, CorruptedRecordIsLoggedAndZeroedAtStart) {
     LogCapture log;
-    EngineOnMemory e(kPico, 0x280);  // legacy: open does not check the vector
+    EngineOnMemory e(bh::KOV_P, 0x280);  // legacy: open does not check the vector
     e.reader->device_eeprom.cam_imu.rot[1] = NAN;
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     e.engine->calib.R.setZero();
@@ -58,7 +53,7 @@ TEST(EngineCalibration, CorruptedRecordIsLoggedAndZeroedAtStart) {
 }
 
 TEST(EngineCalibration, VerboseStartPrintsTheCalibration) {
-    EngineOnMemory e(kPico, 0x305);
+    EngineOnMemory e(bh::KOV_P, 0x305);
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     e.engine->verbose = 1;
     testing::internal::CaptureStdout();
@@ -69,7 +64,7 @@ TEST(EngineCalibration, VerboseStartPrintsTheCalibration) {
 }
 
 TEST(EngineCalibration, SetCalibrationParametersIgnoresAnUnsetStructure) {
-    EngineOnMemory e(kPico, 0x305);
+    EngineOnMemory e(bh::KOV_P, 0x305);
     e.engine->calib.acc_bias.x() = 0.5f;
     bh::IMUCalibParam unset;
     e.engine->setCalibrationParameters(unset);
@@ -82,7 +77,7 @@ TEST(EngineCalibration, SetCalibrationParametersIgnoresAnUnsetStructure) {
 }
 
 TEST(EngineCalibration, SimpleMeanIsRelativeToTheFirstSample) {
-    EngineOnMemory e(kPico, 0x305);
+    EngineOnMemory e(bh::KOV_P, 0x305);
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     e.reader->motion = [](uint64_t i) {
         MemoryIMUReader::Motion m;
@@ -108,15 +103,15 @@ TEST(EngineCalibration, SimpleMeanIsRelativeToTheFirstSample) {
 }
 
 TEST(EngineCalibration, SimpleMeanChecksTheReader) {
-    bh::KOVmcu engine(false, 11011, kPico, std::unique_ptr<VirtualIMUReader>());
+    bh::KOVmcu engine(false, 11011, bh::KOV_P, std::unique_ptr<VirtualIMUReader>());
     std::vector<float> values;
     EXPECT_EQ(engine.calibrateIMU(values, 10), MCU_STATUS::FAILURE);
-    EngineOnMemory e(kPico, 0x305);
+    EngineOnMemory e(bh::KOV_P, 0x305);
     EXPECT_EQ(e.engine->calibrateIMU(values, 10), MCU_STATUS::NOT_OPEN);
 }
 
 TEST(EngineCalibration, BiasAndVarianceOfAStillSensor) {
-    EngineOnMemory e(kPico, 0x305);
+    EngineOnMemory e(bh::KOV_P, 0x305);
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     e.reader->gravity[0] = 0;
     e.reader->gravity[2] = 4096;  // 1 g on z
@@ -143,7 +138,7 @@ TEST(EngineCalibration, BiasAndVarianceOfAStillSensor) {
 }
 
 TEST(EngineCalibration, ZeroSamplesInTheParametersMeasures5000) {
-    EngineOnMemory e(kPico, 0x305);
+    EngineOnMemory e(bh::KOV_P, 0x305);
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     bh::calibrationIMUParams params;
     params.samples = 0;
@@ -160,7 +155,7 @@ TEST(EngineCalibration, ZeroSamplesInTheParametersMeasures5000) {
 
 TEST(EngineCalibration, DisconnectionInTheMiddleGives5Not6) {
     LogCapture log;
-    EngineOnMemory e(kPico, 0x305);
+    EngineOnMemory e(bh::KOV_P, 0x305);
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     e.reader->fail_after = static_cast<int64_t>(e.reader->produced) + 200;
     bh::calibrationIMUParams params;
@@ -173,17 +168,17 @@ TEST(EngineCalibration, DisconnectionInTheMiddleGives5Not6) {
 }
 
 TEST(EngineCalibration, ClosedReaderIsOpenedWithSerialZero) {
-    EngineOnMemory e(kPico, 0x305);
+    EngineOnMemory e(bh::KOV_P, 0x305);
     std::vector<float> bias, variance;
     EXPECT_EQ(e.engine->calibrateIMU(bias, variance, 5), MCU_STATUS::SUCCESS);
     EXPECT_EQ(e.reader->open_calls, 1);
-    EngineOnMemory f(kPico, 0x305);
+    EngineOnMemory f(bh::KOV_P, 0x305);
     f.reader->failing_commands.insert("open");
     EXPECT_EQ(f.engine->calibrateIMU(bias, variance, 5), MCU_STATUS::HID_OPEN_FAILED);
 }
 
 TEST(EngineCalibration, MeasurementStopsTheFusionThreadFirst) {
-    EngineOnMemory e(kTera, 0x305);
+    EngineOnMemory e(bh::KOVT, 0x305);
     e.reader->pace_us = 100;
     e.reader->mag_every = 2;
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_800), MCU_STATUS::SUCCESS);
@@ -195,7 +190,7 @@ TEST(EngineCalibration, MeasurementStopsTheFusionThreadFirst) {
 }
 
 TEST(EngineRetrimming, PicoWithFirstSerialFieldOneRefusesWithZero) {
-    EngineOnMemory e(kPico, 0x305, 1, 234567);
+    EngineOnMemory e(bh::KOV_P, 0x305, 1, 234567);
     ASSERT_EQ(e.engine->open(10234567, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     testing::internal::CaptureStdout();
     EXPECT_EQ(e.engine->doImuRetrimming(), 0);
@@ -208,7 +203,7 @@ TEST(EngineRetrimming, PicoWithFirstSerialFieldOneRefusesWithZero) {
 
 TEST(EngineRetrimming, PollEndsAtOnceOn5) {
     LogCapture log;
-    EngineOnMemory e(kTera, 0x305);
+    EngineOnMemory e(bh::KOVT, 0x305);
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     e.reader->retrim_statuses = {5};
     testing::internal::CaptureStdout();
@@ -221,7 +216,7 @@ TEST(EngineRetrimming, PollEndsAtOnceOn5) {
 TEST(EngineRetrimming, PollWaitsForCompletionOrMotion) {
     {
         LogCapture log;
-        EngineOnMemory e(kTera, 0x305);
+        EngineOnMemory e(bh::KOVT, 0x305);
         ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
         e.reader->retrim_statuses = {1, 2, 2, 3};
         testing::internal::CaptureStdout();
@@ -232,7 +227,7 @@ TEST(EngineRetrimming, PollWaitsForCompletionOrMotion) {
     }
     {
         LogCapture log;
-        EngineOnMemory e(kTera, 0x305);
+        EngineOnMemory e(bh::KOVT, 0x305);
         ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
         e.reader->retrim_statuses = {0, 4};
         testing::internal::CaptureStdout();
@@ -243,9 +238,9 @@ TEST(EngineRetrimming, PollWaitsForCompletionOrMotion) {
 }
 
 TEST(EngineRetrimming, NoReaderGives5) {
-    bh::KOVmcu engine(false, 11011, kPico, std::unique_ptr<VirtualIMUReader>());
+    bh::KOVmcu engine(false, 11011, bh::KOV_P, std::unique_ptr<VirtualIMUReader>());
     EXPECT_EQ(engine.doImuRetrimming(), 5);
-    EngineOnMemory e(kPico, 0x305);
+    EngineOnMemory e(bh::KOV_P, 0x305);
     e.reader->failing_commands.insert("open");
     EXPECT_EQ(e.engine->doImuRetrimming(), 5);
 }

@@ -14,9 +14,6 @@
 
 namespace {
 
-constexpr int kPico = 1;
-constexpr int kTera = 2;
-
 void setGyroRecord(eepromMemoryStrc& e) {
     _extended_gyro_calib_data& g = e.ext_gyro_calib;
     g.scale[0] = 1.01f;
@@ -60,7 +57,7 @@ void setGyroRecord(eepromMemoryStrc& e) {
 // ---------------------------------------------------------------- open
 
 TEST(EngineOpen, WithoutReaderFails) {
-    bh::KOVmcu engine(false, 11011, kTera, std::unique_ptr<VirtualIMUReader>());
+    bh::KOVmcu engine(false, 11011, bh::KOVT, std::unique_ptr<VirtualIMUReader>());
     EXPECT_EQ(engine.open(123, false, IMU_ODR_400), MCU_STATUS::FAILURE);
     EXPECT_FALSE(engine.startCapture(0.f));
     EXPECT_FALSE(engine.stopCapture());
@@ -77,10 +74,10 @@ TEST(EngineOpen, WithoutReaderFails) {
 
 TEST(EngineOpen, GmslModelsHaveNoReaderUntilTheGmslLayerRegistersOne) {
     bh::KOVmcu::setGMSLReaderFactory(nullptr);
-    for (int model : {4, 5, 30, 31}) {
+    for (bh::MODEL model : {bh::KOV_Q, bh::KOV_QP, bh::KOV_QS_A, bh::KOV_QS_B}) {
         bh::KOVmcu engine(false, 11011, model);
         EXPECT_EQ(engine.imu_reader, nullptr);
-        EXPECT_EQ(engine.device, 16);
+        EXPECT_EQ(engine.device, bh::BH_DEVICE_GMSL_IMU);
         EXPECT_EQ(engine.open(0, false, IMU_ODR_400), MCU_STATUS::FAILURE) << model;
     }
     uint16_t seen_pid = 0;
@@ -89,7 +86,7 @@ TEST(EngineOpen, GmslModelsHaveNoReaderUntilTheGmslLayerRegistersOne) {
         return std::unique_ptr<VirtualIMUReader>(new MemoryIMUReader(0x305));
     });
     {
-        bh::KOVmcu engine(false, 11011, 4);
+        bh::KOVmcu engine(false, 11011, bh::KOV_Q);
         ASSERT_NE(engine.imu_reader, nullptr);
         EXPECT_EQ(seen_pid, 0xA081);
         EXPECT_EQ(engine.open(0, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
@@ -98,15 +95,15 @@ TEST(EngineOpen, GmslModelsHaveNoReaderUntilTheGmslLayerRegistersOne) {
 }
 
 TEST(EngineOpen, UsbModelsBuildTheHidReader) {
-    bh::KOVmcu engine(false, 11011, kTera);
+    bh::KOVmcu engine(false, 11011, bh::KOVT);
     ASSERT_NE(engine.imu_reader, nullptr);
     EXPECT_EQ(engine.imu_reader->product_id, 0xF781);
     EXPECT_EQ(engine.imu_reader->vendor_id, 11011);
-    EXPECT_EQ(engine.device, 13);
+    EXPECT_EQ(engine.device, bh::BH_DEVICE_KOVT_MCU);
 }
 
 TEST(EngineOpen, AnAlreadyOpenReaderIsNotOpenedAgain) {
-    EngineOnMemory e(kTera, 775);
+    EngineOnMemory e(bh::KOVT, 775);
     setGyroRecord(e.reader->device_eeprom);
     ASSERT_GT(e.reader->open(123456, true, false), 0);
     ASSERT_EQ(e.reader->open_calls, 1);
@@ -126,38 +123,38 @@ TEST(EngineOpen, AnAlreadyOpenReaderIsNotOpenedAgain) {
 
 TEST(EngineOpen, UnprogrammedSerialIsInvalidWithoutForceAndOpensWithForce) {
     {
-        EngineOnMemory e(kTera, 0x305, 99, 123456);
+        EngineOnMemory e(bh::KOVT, 0x305, 99, 123456);
         EXPECT_EQ(e.engine->open(0, false, IMU_ODR_400, nullptr, nullptr, true, false),
                   MCU_STATUS::INVALID_SERIAL);
         EXPECT_EQ(e.reader->open_calls, 2);  // tried once more without recovery
         EXPECT_EQ(e.engine->getMCUSerialNumber(), -1);
     }
     {
-        EngineOnMemory e(kTera, 0x305, 99, 123456);
+        EngineOnMemory e(bh::KOVT, 0x305, 99, 123456);
         EXPECT_EQ(e.engine->open(0, true, IMU_ODR_400, nullptr, nullptr, false, true), MCU_STATUS::SUCCESS);
         EXPECT_EQ(e.reader->open_calls, 1);
         EXPECT_EQ(e.engine->getMCUSerialNumber(), 990123456);
     }
     {
-        EngineOnMemory e(kTera, 0x305, 0, 0);
+        EngineOnMemory e(bh::KOVT, 0x305, 0, 0);
         EXPECT_EQ(e.engine->open(0, false, IMU_ODR_400), MCU_STATUS::INVALID_SERIAL);
     }
 }
 
 TEST(EngineOpen, ReaderOpenFailureAndEepromFailure) {
     {
-        EngineOnMemory e(kTera, 0x305);
+        EngineOnMemory e(bh::KOVT, 0x305);
         e.reader->failing_commands.insert("open");
         EXPECT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::HID_OPEN_FAILED);
     }
     {
-        EngineOnMemory e(kTera, 0x305);
+        EngineOnMemory e(bh::KOVT, 0x305);
         e.reader->fail_eeprom_read = true;
         EXPECT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::EEPROM_FAILURE);
     }
     {
         // serial 0 reads nothing at open, so a broken read does not matter
-        EngineOnMemory e(kTera, 0x305);
+        EngineOnMemory e(bh::KOVT, 0x305);
         e.reader->fail_eeprom_read = true;
         EXPECT_EQ(e.engine->open(0, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
         EXPECT_EQ(e.reader->countCalls("updateEepromMemory(false)"), 0);
@@ -165,7 +162,7 @@ TEST(EngineOpen, ReaderOpenFailureAndEepromFailure) {
 }
 
 TEST(EngineOpen, Firmware0x303AtRate2RunsAt400WithoutRereading) {
-    EngineOnMemory e(kTera, 0x303);
+    EngineOnMemory e(bh::KOVT, 0x303);
     EXPECT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     EXPECT_EQ(e.reader->countCalls("sendWriteImuFreq"), 1);
     EXPECT_EQ(e.reader->countCalls("updateEepromMemory(true)"), 0);
@@ -177,7 +174,7 @@ TEST(EngineOpen, Firmware0x303AtRate2RunsAt400WithoutRereading) {
 }
 
 TEST(EngineOpen, Firmware0x304TakesTheRateAndRereadsTheImage) {
-    EngineOnMemory e(kTera, 0x304);
+    EngineOnMemory e(bh::KOVT, 0x304);
     EXPECT_EQ(e.engine->open(20123456, false, IMU_ODR_200), MCU_STATUS::SUCCESS);
     EXPECT_EQ(e.reader->countCalls("updateEepromMemory(true)"), 1);
     EXPECT_EQ(e.engine->rate_hz, 200);
@@ -186,18 +183,18 @@ TEST(EngineOpen, Firmware0x304TakesTheRateAndRereadsTheImage) {
 }
 
 TEST(EngineOpen, LegacyFirmwareIsForcedTo800) {
-    EngineOnMemory e(kTera, 0x300);
+    EngineOnMemory e(bh::KOVT, 0x300);
     EXPECT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     EXPECT_EQ(e.engine->rate_hz, 800);
     EXPECT_FLOAT_EQ(e.engine->fusion_bias.dt, 0.00125f);
     // firmware 516 may still be given a rate
-    EngineOnMemory f(kTera, 516);
+    EngineOnMemory f(bh::KOVT, 516);
     EXPECT_EQ(f.engine->open(20123456, false, IMU_ODR_100), MCU_STATUS::SUCCESS);
     EXPECT_EQ(f.engine->rate_hz, 100);
 }
 
 TEST(EngineOpen, OldRawFormatScalesVariancesAndBiases) {
-    EngineOnMemory e(kPico, 0x200);
+    EngineOnMemory e(bh::KOV_P, 0x200);
     e.reader->device_eeprom.variance.acc_var[0] = 2.f;
     e.reader->device_eeprom.variance.gyro_var[2] = 3.f;
     e.reader->device_eeprom.bias.gyro_bias[0] = 10.f;  // counts
@@ -218,7 +215,7 @@ TEST(EngineOpen, OldRawFormatScalesVariancesAndBiases) {
 }
 
 TEST(EngineOpen, FeatureFirmwareUpTo774LeavesOutGyroBiasAndTemperatureTerms) {
-    EngineOnMemory e(kTera, 0x305);
+    EngineOnMemory e(bh::KOVT, 0x305);
     setGyroRecord(e.reader->device_eeprom);
     EXPECT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     const bh::IMUCalibParam& c = e.engine->calib;
@@ -228,14 +225,14 @@ TEST(EngineOpen, FeatureFirmwareUpTo774LeavesOutGyroBiasAndTemperatureTerms) {
     EXPECT_FLOAT_EQ(c.acc_bias(2), 0.3f);  // the accelerometer bias is taken
     EXPECT_FLOAT_EQ(c.gyro_var(1), 2e-4f);
 
-    EngineOnMemory f(kTera, 775);
+    EngineOnMemory f(bh::KOVT, 775);
     setGyroRecord(f.reader->device_eeprom);
     EXPECT_EQ(f.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     EXPECT_FLOAT_EQ(f.engine->calib.gyro_bias(0), 0.01f);
     EXPECT_FLOAT_EQ(f.engine->calib.gyro_tscale(2), 0.003f);
     EXPECT_FLOAT_EQ(f.engine->calib.acc_tscale(1), 0.02f);
 
-    EngineOnMemory g(kTera, 0x280);  // 517 to 0x300: all terms
+    EngineOnMemory g(bh::KOVT, 0x280);  // 517 to 0x300: all terms
     setGyroRecord(g.reader->device_eeprom);
     EXPECT_EQ(g.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     EXPECT_FLOAT_EQ(g.engine->calib.gyro_bias(1), -0.02f);
@@ -244,14 +241,14 @@ TEST(EngineOpen, FeatureFirmwareUpTo774LeavesOutGyroBiasAndTemperatureTerms) {
 
 TEST(EngineOpen, RotationVectorOfNorm3141IsLoggedAndZeroed) {
     LogCapture log;
-    EngineOnMemory e(kTera, 0x305);
+    EngineOnMemory e(bh::KOVT, 0x305);
     e.reader->device_eeprom.cam_imu.rot[0] = 3141.f;
     EXPECT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     EXPECT_TRUE(e.engine->calib.R.isZero());
     EXPECT_TRUE(log.has("Eeprom calib is corrupted 0 0 3141", mcu_log::ERR));
 
     LogCapture log2;
-    EngineOnMemory f(kTera, 0x305);
+    EngineOnMemory f(bh::KOVT, 0x305);
     f.reader->device_eeprom.cam_imu.rot[0] = 3140.f;
     EXPECT_EQ(f.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     EXPECT_FLOAT_EQ(f.engine->calib.R(0), 3140.f);
@@ -259,7 +256,7 @@ TEST(EngineOpen, RotationVectorOfNorm3141IsLoggedAndZeroed) {
 }
 
 TEST(EngineOpen, ExternalBiasAndVarianceDefineTheCalibration) {
-    EngineOnMemory e(kTera, 0x305);
+    EngineOnMemory e(bh::KOVT, 0x305);
     setGyroRecord(e.reader->device_eeprom);
     float bias[6] = {0.1f, 0.2f, 0.3f, 0.01f, 0.02f, 0.03f};
     float variance[6] = {1.f, 2.f, 3.f, 4.f, 5.f, 6.f};
@@ -273,7 +270,7 @@ TEST(EngineOpen, ExternalBiasAndVarianceDefineTheCalibration) {
 }
 
 TEST(EngineOpen, BarometerCalibrationComesFromTheRecord) {
-    EngineOnMemory e(kTera, 0x305);
+    EngineOnMemory e(bh::KOVT, 0x305);
     e.reader->device_eeprom.barom_calib.scale = 1.5f;
     e.reader->device_eeprom.barom_calib.offset = -3.f;
     EXPECT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
@@ -290,7 +287,7 @@ TEST(EngineOpen, StaticDebugVariableWritesTheCalibrationFile) {
     ASSERT_EQ(chdir(dir), 0);
     setenv("KOV_SDK_ENABLE_STATIC_IMU_DEBUG", "1", 1);
     {
-        EngineOnMemory e(kTera, 0x305);
+        EngineOnMemory e(bh::KOVT, 0x305);
         e.reader->device_eeprom.bias.acc_bias[1] = 0.25f;
         e.reader->device_eeprom.ext_gyro_calib.scale[2] = 1.5f;
         testing::internal::CaptureStdout();
@@ -317,7 +314,7 @@ TEST(EngineOpen, StaticDebugVariableWritesTheCalibrationFile) {
 // ---------------------------------------------------------------- capture
 
 TEST(EngineCapture, StartStreamsAndStopJoins) {
-    EngineOnMemory e(kTera, 0x305);
+    EngineOnMemory e(bh::KOVT, 0x305);
     e.reader->pace_us = 200;
     e.reader->mag_every = 4;
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_800), MCU_STATUS::SUCCESS);
@@ -336,7 +333,7 @@ TEST(EngineCapture, StartStreamsAndStopJoins) {
 
 TEST(EngineCapture, SecondStartOnlyWaitsAndReturnsTheFirstSampleMark) {
     LogCapture log;
-    EngineOnMemory e(kTera, 0x305);
+    EngineOnMemory e(bh::KOVT, 0x305);
     e.reader->pace_us = 200;
     e.reader->mag_every = 4;
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_800), MCU_STATUS::SUCCESS);
@@ -351,7 +348,7 @@ TEST(EngineCapture, SecondStartOnlyWaitsAndReturnsTheFirstSampleMark) {
 }
 
 TEST(EngineCapture, NoSampleWithinTheWaitReturnsFalseAndTheThreadRunsOn) {
-    EngineOnMemory e(kTera, 0x305);
+    EngineOnMemory e(bh::KOVT, 0x305);
     e.reader->max_samples = 0;
     e.engine->first_sample_wait_rounds = 20;  // 100 ms instead of 5 s
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_800), MCU_STATUS::SUCCESS);
@@ -367,7 +364,7 @@ TEST(EngineCapture, NoSampleWithinTheWaitReturnsFalseAndTheThreadRunsOn) {
 
 TEST(EngineCapture, CloseJoinsTheFusionThreadEveryTime) {
     for (int round = 0; round < 10; ++round) {
-        EngineOnMemory e(kTera, 0x305);
+        EngineOnMemory e(bh::KOVT, 0x305);
         e.reader->pace_us = 100;
         e.reader->mag_every = 2;
         ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_800), MCU_STATUS::SUCCESS);
@@ -382,7 +379,7 @@ TEST(EngineCapture, CloseJoinsTheFusionThreadEveryTime) {
         EXPECT_EQ(e.engine->altitude_estimator, nullptr);
     }
     // start and stop cycles on one engine
-    EngineOnMemory e(kTera, 0x305);
+    EngineOnMemory e(bh::KOVT, 0x305);
     e.reader->pace_us = 100;
     e.reader->mag_every = 2;
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_800), MCU_STATUS::SUCCESS);
@@ -398,7 +395,7 @@ TEST(EngineCapture, CloseJoinsTheFusionThreadEveryTime) {
 }
 
 TEST(EngineCapture, ResetPositionRestartsTheThread) {
-    EngineOnMemory e(kTera, 0x305);
+    EngineOnMemory e(bh::KOVT, 0x305);
     e.reader->pace_us = 200;
     e.reader->mag_every = 2;
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_800), MCU_STATUS::SUCCESS);
@@ -418,7 +415,7 @@ TEST(EngineCapture, ResetPositionRestartsTheThread) {
 // ---------------------------------------------------------------- close
 
 TEST(EngineClose, PicoOnlineBiasAboveTheLimitIsWrittenAsZero) {
-    EngineOnMemory e(kPico, 0x305);
+    EngineOnMemory e(bh::KOV_P, 0x305);
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     e.engine->fusion_bias.bias[0] = 0.3f;
     e.engine->fusion_bias.bias[1] = 0.05f;
@@ -435,7 +432,7 @@ TEST(EngineClose, PicoOnlineBiasAboveTheLimitIsWrittenAsZero) {
 }
 
 TEST(EngineClose, OldPicoFirmwareWritesCounts) {
-    EngineOnMemory e(kPico, 0x200);
+    EngineOnMemory e(bh::KOV_P, 0x200);
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     const float k = (1000.f / 32768.f) * 0.017453292f;
     e.engine->fusion_bias.bias[0] = 0.1f * k;   // 0.1 count
@@ -451,13 +448,13 @@ TEST(EngineClose, OldPicoFirmwareWritesCounts) {
 
 TEST(EngineClose, NothingIsWrittenWithoutAnEstimateOrForOtherDevices) {
     {
-        EngineOnMemory e(kTera, 0x305);
+        EngineOnMemory e(bh::KOVT, 0x305);
         ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
         e.engine->close();
         EXPECT_EQ(countOf(e.observed->calls, "sendWriteBiasCommand"), 0);
     }
     {
-        EngineOnMemory e(0, 0x305);  // first model: device 17
+        EngineOnMemory e(bh::KOV, 0x305);  // no MCU: BH_DEVICE_NONE
         ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
         e.engine->fusion_bias.bias[0] = 0.01f;
         e.engine->fusion_bias.updated = true;
@@ -467,7 +464,7 @@ TEST(EngineClose, NothingIsWrittenWithoutAnEstimateOrForOtherDevices) {
 }
 
 TEST(EngineGetters, ReaderValuesPassThrough) {
-    EngineOnMemory e(kTera, 0x305);
+    EngineOnMemory e(bh::KOVT, 0x305);
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     EXPECT_EQ(e.engine->getMCUSerialNumber(), 20123456);
     EXPECT_EQ(e.engine->getMCUFirmwareVersion(), 0x305);

@@ -11,9 +11,6 @@
 
 namespace {
 
-constexpr int kPico = 1;
-constexpr int kTera = 2;
-
 // Packet vectors are in the camera's axes (y, -z, -x of the engine frame).
 Eigen::Vector3f engineFromPacket(const float v[3]) {
     return Eigen::Vector3f(-v[2], v[0], -v[1]);
@@ -56,7 +53,7 @@ std::vector<bh::IMUPacket> allPackets(bh::KOVmcu& engine) {
 }  // namespace
 
 TEST(EnginePipeline, TeraAt400HzStreamsLevelOrderedAndSynchronised) {
-    EngineOnMemory e(kTera, 0x305);
+    EngineOnMemory e(bh::KOVT, 0x305);
     MemoryIMUReader& r = *e.reader;
     r.sync_every = 13;  // frame triggers at about 30 Hz
     r.mag_every = 8;
@@ -148,7 +145,7 @@ TEST(EnginePipeline, TeraAt400HzStreamsLevelOrderedAndSynchronised) {
 }
 
 TEST(EnginePipeline, TeraWaitsForTheMagnetometerBeforeTheFirstEstimate) {
-    EngineOnMemory e(kTera, 0x305);
+    EngineOnMemory e(bh::KOVT, 0x305);
     e.reader->mag_every = 0;  // no magnetometer
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     startRounds(*e.engine);
@@ -157,7 +154,7 @@ TEST(EnginePipeline, TeraWaitsForTheMagnetometerBeforeTheFirstEstimate) {
     EXPECT_EQ(e.engine->first_estimate_target, 50u);
     EXPECT_FALSE(e.engine->filter.initialized);
 
-    EngineOnMemory p(kPico, 0x305);
+    EngineOnMemory p(bh::KOV_P, 0x305);
     ASSERT_EQ(p.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     startRounds(*p.engine);
     runRounds(*p.engine, 50);
@@ -165,7 +162,7 @@ TEST(EnginePipeline, TeraWaitsForTheMagnetometerBeforeTheFirstEstimate) {
 }
 
 TEST(EnginePipeline, FirstEstimateTakesTheTiltFromGravity) {
-    EngineOnMemory e(kPico, 0x305);
+    EngineOnMemory e(bh::KOV_P, 0x305);
     // tilted: gravity reaction partly along reader y
     e.reader->gravity[0] = -2896;
     e.reader->gravity[1] = 2896;
@@ -180,7 +177,7 @@ TEST(EnginePipeline, FirstEstimateTakesTheTiltFromGravity) {
 }
 
 TEST(EnginePipeline, PressureOf800NeverEntersTheReferenceAndTheTwentiethValueSetsIt) {
-    EngineOnMemory e(kPico, 0x305);
+    EngineOnMemory e(bh::KOV_P, 0x305);
     e.reader->env_every = 1;
     // 30 samples at exactly 800 hPa, then distinct values above it
     e.reader->pressure_hpa = [](uint64_t i) { return i < 30 ? 800.f : 900.f + 0.5f * static_cast<float>(i); };
@@ -205,7 +202,7 @@ TEST(EnginePipeline, PressureOf800NeverEntersTheReferenceAndTheTwentiethValueSet
 }
 
 TEST(EnginePipeline, APacketWithoutSyncEventNeverEntersTheSyncQueue) {
-    EngineOnMemory e(kPico, 0x305);
+    EngineOnMemory e(bh::KOV_P, 0x305);
     e.reader->sync_every = 0;
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     startRounds(*e.engine);
@@ -218,7 +215,7 @@ TEST(EnginePipeline, APacketWithoutSyncEventNeverEntersTheSyncQueue) {
 }
 
 TEST(EnginePipeline, ImuStateByteAndSteadiness) {
-    EngineOnMemory e(kTera, 0x305);
+    EngineOnMemory e(bh::KOVT, 0x305);
     e.reader->imu_state_byte = 1;
     e.reader->mag_every = 1;
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
@@ -226,7 +223,7 @@ TEST(EnginePipeline, ImuStateByteAndSteadiness) {
     runRounds(*e.engine, 3);
     EXPECT_EQ(e.engine->imu_queue.atEnd(0).imu_state, 2);
 
-    EngineOnMemory p(kPico, 0x305);
+    EngineOnMemory p(bh::KOV_P, 0x305);
     p.reader->imu_state_byte = 1;  // KOV Pico ignores the byte
     ASSERT_EQ(p.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     startRounds(*p.engine);
@@ -235,7 +232,7 @@ TEST(EnginePipeline, ImuStateByteAndSteadiness) {
 }
 
 TEST(EnginePipeline, GettersPickByOffsetAndBoundTheWalk) {
-    EngineOnMemory e(kPico, 0x305);
+    EngineOnMemory e(bh::KOV_P, 0x305);
     e.reader->sync_every = 5;
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     startRounds(*e.engine);
@@ -269,7 +266,7 @@ TEST(EnginePipeline, GettersPickByOffsetAndBoundTheWalk) {
 }
 
 TEST(EnginePipeline, PacketBatchIsHalfOpen) {
-    EngineOnMemory e(kPico, 0x305);
+    EngineOnMemory e(bh::KOV_P, 0x305);
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     startRounds(*e.engine);
     runRounds(*e.engine, 50);
@@ -284,7 +281,7 @@ TEST(EnginePipeline, PacketBatchIsHalfOpen) {
 }
 
 TEST(EnginePipeline, TransformAndPriorOrientationAreInverse) {
-    EngineOnMemory e(kPico, 0x305);
+    EngineOnMemory e(bh::KOV_P, 0x305);
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     bh::IMUPacket p;
     p.valid = true;
@@ -314,7 +311,7 @@ TEST(EnginePipeline, TransformAndPriorOrientationAreInverse) {
 }
 
 TEST(EnginePipeline, PriorOrientationIsTakenByTheNextRound) {
-    EngineOnMemory e(kPico, 0x305);
+    EngineOnMemory e(bh::KOV_P, 0x305);
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     startRounds(*e.engine);
     runRounds(*e.engine, 20);
@@ -330,7 +327,7 @@ TEST(EnginePipeline, PriorOrientationIsTakenByTheNextRound) {
 }
 
 TEST(EnginePipeline, TranslationStaysAtRestForAStillSensor) {
-    EngineOnMemory e(kPico, 0x305);
+    EngineOnMemory e(bh::KOV_P, 0x305);
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     startRounds(*e.engine);
     runRounds(*e.engine, 400);
@@ -341,7 +338,7 @@ TEST(EnginePipeline, TranslationStaysAtRestForAStillSensor) {
 }
 
 TEST(EnginePipeline, ResetQuaternionKeepsItsYawAtTheNextStart) {
-    EngineOnMemory e(kPico, 0x305);
+    EngineOnMemory e(bh::KOV_P, 0x305);
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     const Eigen::Vector4f q = bh::KOVmcu::toQuaternion(0.0, 0.0, 0.7);
     e.engine->setResetQuaternion(q(0), q(1), q(2), q(3));

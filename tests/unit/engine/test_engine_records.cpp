@@ -170,48 +170,66 @@ TEST(So3Exp, RotationVectorLimit) {
 // ---------------------------------------------------------------- model table
 
 TEST(ModelTable, ProductIdsByModelMinusOne) {
-    EXPECT_EQ(bh::mcuProductId(0), 0);
-    EXPECT_EQ(bh::mcuProductId(1), 0xF681);
-    EXPECT_EQ(bh::mcuProductId(2), 0xF781);
-    EXPECT_EQ(bh::mcuProductId(3), 0xF881);
-    EXPECT_EQ(bh::mcuProductId(4), 0xA081);
-    EXPECT_EQ(bh::mcuProductId(5), 0xA081);
-    EXPECT_EQ(bh::mcuProductId(6), 0);
-    EXPECT_EQ(bh::mcuProductId(29), 0);
-    EXPECT_EQ(bh::mcuProductId(30), 0xA081);
-    EXPECT_EQ(bh::mcuProductId(31), 0xA081);
-    EXPECT_EQ(bh::mcuProductId(32), 0);
-    EXPECT_EQ(bh::mcuProductId(-3), 0);
-    EXPECT_EQ(bh::mcuProductId(1000), 0);
+    EXPECT_EQ(bh::mcuProductId(bh::KOV), 0);
+    EXPECT_EQ(bh::mcuProductId(bh::KOV_P), 0xF681);
+    EXPECT_EQ(bh::mcuProductId(bh::KOVT), 0xF781);
+    EXPECT_EQ(bh::mcuProductId(bh::KOVTr), 0xF881);
+    EXPECT_EQ(bh::mcuProductId(bh::KOV_Q), 0xA081);
+    EXPECT_EQ(bh::mcuProductId(bh::KOV_QP), 0xA081);
+    EXPECT_EQ(bh::mcuProductId(bh::KOV_QS_A), 0xA081);
+    EXPECT_EQ(bh::mcuProductId(bh::KOV_QS_B), 0xA081);
+    EXPECT_EQ(bh::mcuProductId(bh::KOV_MODEL_UNKNOWN), 0);
+    // Values the enumeration does not name (a model byte read from a device).
+    for (int value : {6, 29, -3, 1000}) {
+        EXPECT_EQ(bh::mcuProductId(static_cast<bh::MODEL>(value)), 0) << value;
+    }
+}
+
+TEST(ModelTable, EnumerationValuesMatchTheTableIndex) {
+    // The product id table is indexed by the numeric model value.
+    EXPECT_EQ(bh::KOV_P, 1);
+    EXPECT_EQ(bh::KOVTr, 3);
+    EXPECT_EQ(bh::KOV_QP, 5);
+    EXPECT_EQ(bh::KOV_QS_A, 30);
+    EXPECT_EQ(bh::KOV_QS_B, 31);
+    EXPECT_EQ(bh::BH_DEVICE_KOV_P_MCU, 12);
+    EXPECT_EQ(bh::BH_DEVICE_KOVTr_MCU, 14);
+    EXPECT_EQ(bh::BH_DEVICE_GMSL_IMU, 16);
+    EXPECT_EQ(bh::BH_DEVICE_NONE, 17);
 }
 
 TEST(ModelTable, ReaderScalesDevicesAndPositions) {
-    const bh::MCUModelInfo pico = bh::mcuModelInfo(1);
+    const bh::MCUModelInfo pico = bh::mcuModelInfo(bh::KOV_P);
     EXPECT_EQ(pico.reader, bh::IMU_READER_KIND::HID);
     EXPECT_FLOAT_EQ(pico.accel_lsb, 1.f / 4096.f);
     EXPECT_FLOAT_EQ(pico.gyro_lsb, 1000.f / 32768.f);
-    EXPECT_EQ(pico.device, 12);
+    EXPECT_EQ(pico.device, bh::BH_DEVICE_KOV_P_MCU);
     EXPECT_TRUE(pico.default_imu_position.isApprox(Eigen::Vector3f(15.238f, 1.706f, -2.0f)));
 
-    EXPECT_EQ(bh::mcuModelInfo(2).device, 13);
-    EXPECT_EQ(bh::mcuModelInfo(3).device, 14);
-    EXPECT_TRUE(bh::mcuModelInfo(3).default_imu_position.isApprox(Eigen::Vector3f(23.061f, -0.217f, -2.0f)));
+    EXPECT_EQ(bh::mcuModelInfo(bh::KOVT).device, bh::BH_DEVICE_KOVT_MCU);
+    EXPECT_EQ(bh::mcuModelInfo(bh::KOVTr).device, bh::BH_DEVICE_KOVTr_MCU);
+    EXPECT_TRUE(
+        bh::mcuModelInfo(bh::KOVTr).default_imu_position.isApprox(Eigen::Vector3f(23.061f, -0.217f, -2.0f)));
 
-    for (int gmsl : {4, 5, 30, 31}) {
+    for (bh::MODEL gmsl : {bh::KOV_Q, bh::KOV_QP, bh::KOV_QS_A, bh::KOV_QS_B}) {
         const bh::MCUModelInfo info = bh::mcuModelInfo(gmsl);
         EXPECT_EQ(info.reader, bh::IMU_READER_KIND::GMSL) << gmsl;
         EXPECT_FLOAT_EQ(info.accel_lsb, 0.0003662109375f);
-        EXPECT_EQ(info.device, 16);
+        EXPECT_EQ(info.device, bh::BH_DEVICE_GMSL_IMU);
         EXPECT_EQ(info.product_id, 0xA081);
     }
-    EXPECT_TRUE(bh::mcuModelInfo(4).default_imu_position.isApprox(Eigen::Vector3f(35.649f, 0.147f, 0.f)));
-    EXPECT_TRUE(bh::mcuModelInfo(5).default_imu_position.isApprox(Eigen::Vector3f(34.502f, 4.356f, 0.f)));
-    EXPECT_TRUE(bh::mcuModelInfo(30).default_imu_position.isZero());
+    EXPECT_TRUE(
+        bh::mcuModelInfo(bh::KOV_Q).default_imu_position.isApprox(Eigen::Vector3f(35.649f, 0.147f, 0.f)));
+    EXPECT_TRUE(
+        bh::mcuModelInfo(bh::KOV_QP).default_imu_position.isApprox(Eigen::Vector3f(34.502f, 4.356f, 0.f)));
+    EXPECT_TRUE(bh::mcuModelInfo(bh::KOV_QS_A).default_imu_position.isZero());
 
-    const bh::MCUModelInfo other = bh::mcuModelInfo(0);
-    EXPECT_EQ(other.reader, bh::IMU_READER_KIND::HID);
-    EXPECT_EQ(other.device, 17);
-    EXPECT_EQ(other.product_id, 0);
+    for (bh::MODEL none : {bh::KOV, bh::KOV_MODEL_UNKNOWN}) {
+        const bh::MCUModelInfo other = bh::mcuModelInfo(none);
+        EXPECT_EQ(other.reader, bh::IMU_READER_KIND::HID);
+        EXPECT_EQ(other.device, bh::BH_DEVICE_NONE);
+        EXPECT_EQ(other.product_id, 0);
+    }
 }
 
 // ---------------------------------------------------------------- frames and conversions
@@ -226,7 +244,7 @@ TEST(EngineFrames, ReaderToImageRotationIsAProperRotation) {
 }
 
 TEST(EngineFrames, ConvertFromRTIMUDataScalesAndReorders) {
-    bh::KOVmcu engine(false, 11011, 2, std::unique_ptr<VirtualIMUReader>());
+    bh::KOVmcu engine(false, 11011, bh::KOVT, std::unique_ptr<VirtualIMUReader>());
     RTIMU_DATA d;
     d.timestamp = 1234;
     d.env_timestamp = 5;
@@ -271,7 +289,7 @@ TEST(EngineFrames, ConvertFromRTIMUDataScalesAndReorders) {
 
 TEST(EngineFrames, ReaderAxesEndInTheImageAxes) {
     // reader (x, y, z) -> engine (z, y, -x) -> packet (y, -z, -x) == Reader2ImageRotation x reader
-    bh::KOVmcu engine(false, 11011, 2, std::unique_ptr<VirtualIMUReader>());
+    bh::KOVmcu engine(false, 11011, bh::KOVT, std::unique_ptr<VirtualIMUReader>());
     const Eigen::Vector3f reader(0.1f, 0.2f, 0.3f);
     RTIMU_DATA d;
     d.accel[0] = reader.z();

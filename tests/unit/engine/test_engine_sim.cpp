@@ -20,8 +20,6 @@
 
 namespace {
 
-constexpr int kPico = 1;
-constexpr int kTera = 2;
 constexpr uint16_t kVendor = 11011;
 
 struct SimEngine {
@@ -32,7 +30,7 @@ struct SimEngine {
     std::unique_ptr<bh::KOVmcu> engine;
 
     // `stepped`: simulated time (sleeps return at once); otherwise real time.
-    SimEngine(int model, uint32_t serial, uint16_t firmware, int odr, bool stepped,
+    SimEngine(bh::MODEL model, uint32_t serial, uint16_t firmware, int odr, bool stepped,
               const std::function<void(sim::McuConfig&)>& tweak = nullptr) {
         if (stepped) {
             machine->setClock(clock);
@@ -41,7 +39,7 @@ struct SimEngine {
         c.firmware = firmware;
         c.productId = bh::mcuProductId(model);
         c.eeprom = sim::McuConfig::defaultEeprom(serial, odr);
-        if (model != kPico) {
+        if (model != bh::KOV_P) {
             c.envRate = 25.0;
             c.magRate = 50.0;
         }
@@ -78,7 +76,7 @@ float tiltError(const bh::IMUPacket& p) {
 }  // namespace
 
 TEST(EngineOnSimulatedMcu, TeraAt400HzStreamsInRealTime) {
-    SimEngine s(kTera, 21234567, 0x305, 2, false);
+    SimEngine s(bh::KOVT, 21234567, 0x305, 2, false);
     ASSERT_EQ(s.engine->open(21234567, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     EXPECT_EQ(s.engine->rate_hz, 400);
     EXPECT_EQ(s.mcu->rateHz(), 400);
@@ -123,7 +121,7 @@ TEST(EngineOnSimulatedMcu, TeraAt400HzStreamsInRealTime) {
 }
 
 TEST(EngineOnSimulatedMcu, TeraAt400HzInSimulatedTimeStaysLevelAndFollowsTheRates) {
-    SimEngine s(kTera, 21234567, 0x305, 2, true);
+    SimEngine s(bh::KOVT, 21234567, 0x305, 2, true);
     ASSERT_EQ(s.engine->open(21234567, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     s.engine->updateCameraIMUcalibration();
     ASSERT_TRUE(s.engine->imu_reader->sendStartDataStreamingCommand());
@@ -165,19 +163,19 @@ TEST(EngineOnSimulatedMcu, TeraAt400HzInSimulatedTimeStaysLevelAndFollowsTheRate
 
 TEST(EngineOnSimulatedMcu, UnprogrammedSerialNeedsForce) {
     {
-        SimEngine s(kPico, 990123456u, 0x305, 2, true);
+        SimEngine s(bh::KOV_P, 990123456u, 0x305, 2, true);
         EXPECT_EQ(s.engine->open(0, false, IMU_ODR_400, nullptr, nullptr, false, false),
                   MCU_STATUS::INVALID_SERIAL);
     }
     {
-        SimEngine s(kPico, 990123456u, 0x305, 2, true);
+        SimEngine s(bh::KOV_P, 990123456u, 0x305, 2, true);
         EXPECT_EQ(s.engine->open(0, true, IMU_ODR_400, nullptr, nullptr, false, true), MCU_STATUS::SUCCESS);
         EXPECT_EQ(s.engine->getMCUSerialNumber(), 990123456);
     }
 }
 
 TEST(EngineOnSimulatedMcu, Firmware0x303RunsAt400WithoutRereading) {
-    SimEngine s(kTera, 21234567, 0x303, 2, true);
+    SimEngine s(bh::KOVT, 21234567, 0x303, 2, true);
     const int reads_before = s.mcu->counters().featureReads;
     ASSERT_EQ(s.engine->open(21234567, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     const int reads_after_open = s.mcu->counters().featureReads;
@@ -188,13 +186,13 @@ TEST(EngineOnSimulatedMcu, Firmware0x303RunsAt400WithoutRereading) {
 }
 
 TEST(EngineOnSimulatedMcu, NoDeviceGivesHidOpenFailed) {
-    SimEngine s(kTera, 21234567, 0x305, 2, true);
+    SimEngine s(bh::KOVT, 21234567, 0x305, 2, true);
     s.mcu->unplug();
     EXPECT_EQ(s.engine->open(21234567, false, IMU_ODR_400), MCU_STATUS::HID_OPEN_FAILED);
 }
 
 TEST(EngineOnSimulatedMcu, WriteBackRoundTrips) {
-    SimEngine s(kTera, 21234567, 0x305, 2, true);
+    SimEngine s(bh::KOVT, 21234567, 0x305, 2, true);
     ASSERT_EQ(s.engine->open(21234567, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
 
     std::vector<float> bias = {0.01f, -0.02f, 0.03f, 0.1f, -0.2f, 0.3f};
@@ -219,7 +217,7 @@ TEST(EngineOnSimulatedMcu, WriteBackRoundTrips) {
 }
 
 TEST(EngineOnSimulatedMcu, FullCalibrationAndFormatRoundTrips) {
-    SimEngine s(kTera, 21234567, 0x305, 2, true);
+    SimEngine s(bh::KOVT, 21234567, 0x305, 2, true);
     ASSERT_EQ(s.engine->open(21234567, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
 
     std::vector<std::pair<calib_mono_data, calib_mono_data>> pairs(4);
@@ -273,7 +271,7 @@ TEST(EngineOnSimulatedMcu, FullCalibrationAndFormatRoundTrips) {
 }
 
 TEST(EngineOnSimulatedMcu, LegacyWriteGoesThroughTheEchoLoop) {
-    SimEngine s(kPico, 21234567, 0x300, 2, true);
+    SimEngine s(bh::KOV_P, 21234567, 0x300, 2, true);
     ASSERT_EQ(s.engine->open(21234567, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     EXPECT_EQ(s.engine->rate_hz, 800);  // legacy runs at 800 Hz
     const int requests_before = s.mcu->counters().legacyRequests;
@@ -295,7 +293,7 @@ TEST(EngineOnSimulatedMcu, LegacyWriteGoesThroughTheEchoLoop) {
 }
 
 TEST(EngineOnSimulatedMcu, FormatOn0x301SkipsTheErase) {
-    SimEngine s(kTera, 21234567, 0x301, 2, true);
+    SimEngine s(bh::KOVT, 21234567, 0x301, 2, true);
     ASSERT_EQ(s.engine->open(21234567, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     const int requests = s.mcu->counters().legacyRequests;
     EXPECT_EQ(s.engine->formatFullEEprom(0, 99), MCU_STATUS::SUCCESS);
@@ -305,7 +303,7 @@ TEST(EngineOnSimulatedMcu, FormatOn0x301SkipsTheErase) {
 }
 
 TEST(EngineOnSimulatedMcu, CalibrationProceduresAndRetrimming) {
-    SimEngine s(kTera, 21234567, 0x305, 2, true);
+    SimEngine s(bh::KOVT, 21234567, 0x305, 2, true);
     ASSERT_EQ(s.engine->open(21234567, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     bh::calibrationIMUParams params;
     params.samples = 400;
@@ -322,7 +320,7 @@ TEST(EngineOnSimulatedMcu, CalibrationProceduresAndRetrimming) {
 }
 
 TEST(EngineOnSimulatedMcu, DisconnectionInTheMiddleOfAMeasurementGives5) {
-    SimEngine s(kTera, 21234567, 0x305, 2, true, [](sim::McuConfig& c) {
+    SimEngine s(bh::KOVT, 21234567, 0x305, 2, true, [](sim::McuConfig& c) {
         c.shortReadsAfter = 300;
         c.shortReadsCount = 1000000;
     });
@@ -334,7 +332,7 @@ TEST(EngineOnSimulatedMcu, DisconnectionInTheMiddleOfAMeasurementGives5) {
 }
 
 TEST(EngineOnSimulatedMcu, RetrimmingOnPicoWithFirstSerialFieldOneRefuses) {
-    SimEngine s(kPico, 11234567, 0x305, 2, true);
+    SimEngine s(bh::KOV_P, 11234567, 0x305, 2, true);
     ASSERT_EQ(s.engine->open(11234567, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     testing::internal::CaptureStdout();
     EXPECT_EQ(s.engine->doImuRetrimming(), 0);
@@ -343,7 +341,7 @@ TEST(EngineOnSimulatedMcu, RetrimmingOnPicoWithFirstSerialFieldOneRefuses) {
 }
 
 TEST(EngineOnSimulatedMcu, CloseWritesTheOnlineBias) {
-    SimEngine s(kPico, 21234567, 0x305, 2, true);
+    SimEngine s(bh::KOV_P, 21234567, 0x305, 2, true);
     ASSERT_EQ(s.engine->open(21234567, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     s.engine->fusion_bias.bias[0] = 0.3f;
     s.engine->fusion_bias.bias[1] = 0.002f;

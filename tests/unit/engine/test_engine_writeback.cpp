@@ -8,11 +8,9 @@
 
 namespace {
 
-constexpr int kTera = 2;
-
 struct OpenEngine : EngineOnMemory {
     explicit OpenEngine(int firmware = 0x305, int prefix = 2)
-        : EngineOnMemory(kTera, firmware, prefix, 123456) {
+        : EngineOnMemory(bh::KOVT, firmware, prefix, 123456) {
         reader->pace_us = 100;
         reader->mag_every = 2;
         opened = engine->open(static_cast<unsigned>(prefix) * 10000000u + 123456u, false, IMU_ODR_400);
@@ -125,11 +123,11 @@ TEST(EngineWriteBack, MonoAndStereoRereadTheCameraRecords) {
 
 TEST(EngineWriteBack, ChecksComeFirst) {
     LogCapture log;
-    bh::KOVmcu engine(false, 11011, kTera, std::unique_ptr<VirtualIMUReader>());
+    bh::KOVmcu engine(false, 11011, bh::KOVT, std::unique_ptr<VirtualIMUReader>());
     std::vector<float> values(6, 0.f);
     EXPECT_EQ(engine.writeBiasinEEprom(values, false), MCU_STATUS::FAILURE);
     EXPECT_TRUE(log.has("MCU_STATUS::FAILURE", mcu_log::INFO));
-    EngineOnMemory e(kTera, 0x305);
+    EngineOnMemory e(bh::KOVT, 0x305);
     EXPECT_EQ(e.engine->writeBiasinEEprom(values, false), MCU_STATUS::NOT_OPEN);
     EXPECT_TRUE(log.has("MCU_STATUS::NOT_OPEN", mcu_log::INFO));
     eepromMemoryStrc image;
