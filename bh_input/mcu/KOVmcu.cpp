@@ -9,8 +9,8 @@
 #include <cstring>
 
 #include "bh_input/mcu/IMU/IMUHidReader.h"
-#include "bh_input/mcu/IMU/McuLog.h"
 #include "platform/Clock.h"
+#include "support/KLogger.h"
 
 namespace bh {
 
@@ -257,7 +257,8 @@ void KOVmcu::fillCalibrationFromEeprom() {
 
     Eigen::Vector3f rot = vec3(eeprom.cam_imu.rot[0], eeprom.cam_imu.rot[1], eeprom.cam_imu.rot[2]);
     if (fw > mcu_fw::LEGACY_MAX && !rotationVectorUsable(rot)) {
-        ::mcu_log::log(::mcu_log::ERR, "Eeprom calib is corrupted {} {} {}", rot.z(), rot.y(), rot.x());
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, error, "Eeprom calib is corrupted {} {} {}", rot.z(), rot.y(),
+             rot.x());
         rot.setZero();
     }
     calib.R = rot;
@@ -270,7 +271,8 @@ bool KOVmcu::startCapture(float yaw) {
         return false;
     }
     if (running) {
-        ::mcu_log::log(::mcu_log::WARN, "IMU reading already started -- call getIMUPose() to get data");
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, warn,
+             "IMU reading already started -- call getIMUPose() to get data");
     } else {
         imu_queue.clear();
         sync_queue.clear();

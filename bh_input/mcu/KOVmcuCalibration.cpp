@@ -7,9 +7,9 @@
 #include <string>
 
 #include "bh_input/mcu/IMU/IMUHidReader.h"
-#include "bh_input/mcu/IMU/McuLog.h"
 #include "bh_input/mcu/KOVmcu.h"
 #include "platform/Clock.h"
+#include "support/KLogger.h"
 
 namespace bh {
 
@@ -31,18 +31,18 @@ void KOVmcu::updateCameraIMUcalibration() {
     const float rx = eeprom.cam_imu.rot[0], ry = eeprom.cam_imu.rot[1], rz = eeprom.cam_imu.rot[2];
     Eigen::Vector3f record(rx, ry, rz);
     if (!rotationVectorUsable(record)) {
-        ::mcu_log::log(::mcu_log::ERR, "Eeprom calib is corrupted {} {} {}", record.z(), record.y(),
-                       record.x());
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, error, "Eeprom calib is corrupted {} {} {}", record.z(), record.y(),
+             record.x());
         record.setZero();
     }
-    ::mcu_log::log(::mcu_log::DEBUG, "Serial {}", imu_reader ? imu_reader->serial_number : 0u);
+    KLOG(bh::LOGGER_NAME::SDK_INPUT, debug, "Serial {}", imu_reader ? imu_reader->serial_number : 0u);
 
     const Eigen::Vector3f rotation = calib.R.norm() > 0.f ? calib.R : record;
     const Eigen::Vector3f translation = calib.T.norm() > 0.f ? calib.T : imu_position_default;
     std::string error;
     cam_imu_transform = cameraIMUTransform(rotation, translation, &error);
     if (!error.empty()) {
-        ::mcu_log::log(::mcu_log::ERR, "{}", error);
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, error, "{}", error);
     }
 }
 
@@ -124,18 +124,18 @@ bool KOVmcu::calibrateIMUInternal(Eigen::Vector3f& gyro_bias, Eigen::Vector3f& a
 
 MCU_STATUS KOVmcu::calibrateIMU(std::vector<float>& values, int samples) {
     if (!imu_reader) {
-        ::mcu_log::log(::mcu_log::INFO, "MCU_STATUS::FAILURE");
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, info, "MCU_STATUS::FAILURE");
         return MCU_STATUS::FAILURE;
     }
     if (!imu_reader->is_open) {
-        ::mcu_log::log(::mcu_log::INFO, "MCU_STATUS::NOT_OPEN");
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, info, "MCU_STATUS::NOT_OPEN");
         return MCU_STATUS::NOT_OPEN;
     }
     stopCapture();
     imu_reader->sendStartDataStreamingCommand();
     Eigen::Vector3f acc, gyro;
     if (!calibrateIMUInternal(acc, gyro, samples)) {
-        ::mcu_log::log(::mcu_log::INFO, "MCU_STATUS::DISCONNECTED");
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, info, "MCU_STATUS::DISCONNECTED");
         return MCU_STATUS::DISCONNECTED;
     }
     values = {acc.x(), acc.y(), acc.z(), gyro.x(), gyro.y(), gyro.z()};
@@ -144,11 +144,11 @@ MCU_STATUS KOVmcu::calibrateIMU(std::vector<float>& values, int samples) {
 
 MCU_STATUS KOVmcu::calibrateIMU(std::vector<float>& bias, std::vector<float>& variance, int samples) {
     if (!imu_reader) {
-        ::mcu_log::log(::mcu_log::INFO, "MCU_STATUS::FAILURE");
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, info, "MCU_STATUS::FAILURE");
         return MCU_STATUS::FAILURE;
     }
     if (!imu_reader->is_open && imu_reader->open(0, true, false) < 0) {
-        ::mcu_log::log(::mcu_log::INFO, "MCU_STATUS::HID_OPEN_FAILED");
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, info, "MCU_STATUS::HID_OPEN_FAILED");
         return MCU_STATUS::HID_OPEN_FAILED;
     }
     stopCapture();
@@ -159,7 +159,7 @@ MCU_STATUS KOVmcu::calibrateIMU(std::vector<float>& bias, std::vector<float>& va
 
     Eigen::Vector3f gyro_bias, acc_bias, gyro_var, acc_var;
     if (!calibrateIMUInternal(gyro_bias, acc_bias, gyro_var, acc_var, samples)) {
-        ::mcu_log::log(::mcu_log::INFO, "MCU_STATUS::DISCONNECTED");
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, info, "MCU_STATUS::DISCONNECTED");
         return MCU_STATUS::DISCONNECTED;
     }
     if (verbose) {
@@ -188,7 +188,7 @@ MCU_STATUS KOVmcu::calibrateIMU(std::vector<float>& bias, std::vector<float>& va
 
 MCU_STATUS KOVmcu::calibrateIMU(calibrationIMUParams& params) {
     if (!imu_reader) {
-        ::mcu_log::log(::mcu_log::INFO, "MCU_STATUS::FAILURE");
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, info, "MCU_STATUS::FAILURE");
         params.status = static_cast<int32_t>(MCU_STATUS::FAILURE);
         return MCU_STATUS::FAILURE;
     }
@@ -214,11 +214,11 @@ MCU_STATUS KOVmcu::calibrateIMU(calibrationIMUParams& params) {
 
 int KOVmcu::doImuRetrimming() {
     if (!imu_reader) {
-        ::mcu_log::log(::mcu_log::ERR, "IMU re-trimming: no sensors MCU");
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, error, "IMU re-trimming: no sensors MCU");
         return BMI270_CRT_ERROR;
     }
     if (!imu_reader->is_open && imu_reader->open(0, true, false) < 0) {
-        ::mcu_log::log(::mcu_log::ERR, "IMU re-trimming: sensors MCU can not be opened");
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, error, "IMU re-trimming: sensors MCU can not be opened");
         return BMI270_CRT_ERROR;
     }
     verbose = 1;
@@ -245,11 +245,12 @@ int KOVmcu::doImuRetrimming() {
         return BMI270_CRT_ERROR;
     }
     if (status == IMU_RETRIM_DONE) {
-        ::mcu_log::log(::mcu_log::INFO, " ** IMU re-trimming completed successfully");
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, info, " ** IMU re-trimming completed successfully");
     } else if (status == IMU_RETRIM_ABORTED_MOVED) {
-        ::mcu_log::log(::mcu_log::INFO, " ** IMU re-trimming aborted. Camera moved while calibrating?");
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, info,
+             " ** IMU re-trimming aborted. Camera moved while calibrating?");
     } else {
-        ::mcu_log::log(::mcu_log::INFO, " ** IMU re-trimming aborted. Not handled error: {}", status);
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, info, " ** IMU re-trimming aborted. Not handled error: {}", status);
     }
     return status;
 }

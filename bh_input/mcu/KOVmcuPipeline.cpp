@@ -5,9 +5,9 @@
 
 #include <Eigen/Geometry>
 
-#include "bh_input/mcu/IMU/McuLog.h"
 #include "bh_input/mcu/KOVmcu.h"
 #include "platform/Clock.h"
+#include "support/KLogger.h"
 
 namespace bh {
 
@@ -31,7 +31,7 @@ inline void toCamera(const float in[3], float out[3], float scale) {
 }
 
 inline void imuStatusLog(const char* line, void*) {
-    ::mcu_log::write(::mcu_log::INFO, line);
+    KLOG(bh::LOGGER_NAME::SDK_INPUT, info, "{}", line);
 }
 
 Eigen::Quaternionf packetQuaternion(const IMUPacket& packet) {

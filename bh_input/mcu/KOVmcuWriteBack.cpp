@@ -6,9 +6,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "bh_input/mcu/IMU/McuLog.h"
 #include "bh_input/mcu/KOVmcu.h"
 #include "platform/Clock.h"
+#include "support/KLogger.h"
 
 namespace bh {
 
@@ -19,7 +19,7 @@ void sleepMs(int ms) {
 }
 
 void logFailure() {
-    ::mcu_log::log(::mcu_log::INFO, "MCU_STATUS::FAILURE");
+    KLOG(bh::LOGGER_NAME::SDK_INPUT, info, "MCU_STATUS::FAILURE");
 }
 
 // Default mono record of a resolution: the first four floats, the rest zero.
@@ -42,11 +42,11 @@ calib_mono_data defaultMono(int resolution) {
 
 MCU_STATUS KOVmcu::checkReader(const char*) {
     if (!imu_reader) {
-        ::mcu_log::log(::mcu_log::INFO, "MCU_STATUS::FAILURE");
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, info, "MCU_STATUS::FAILURE");
         return MCU_STATUS::FAILURE;
     }
     if (!imu_reader->is_open) {
-        ::mcu_log::log(::mcu_log::INFO, "MCU_STATUS::NOT_OPEN");
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, info, "MCU_STATUS::NOT_OPEN");
         return MCU_STATUS::NOT_OPEN;
     }
     return MCU_STATUS::SUCCESS;
@@ -104,7 +104,8 @@ MCU_STATUS KOVmcu::writeBiasinEEprom(std::vector<float>& values, bool keep_stopp
         return check;
     }
     if (values.size() < 6) {
-        ::mcu_log::log(::mcu_log::ERR, "writeBiasinEEprom: 6 values expected, {} given", values.size());
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, error, "writeBiasinEEprom: 6 values expected, {} given",
+             values.size());
         return MCU_STATUS::FAILURE;
     }
     bool was_on = false;
@@ -124,7 +125,8 @@ MCU_STATUS KOVmcu::writeVarianceinEEprom(std::vector<float>& values, bool keep_s
         return check;
     }
     if (values.size() < 6) {
-        ::mcu_log::log(::mcu_log::ERR, "writeVarianceinEEprom: 6 values expected, {} given", values.size());
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, error, "writeVarianceinEEprom: 6 values expected, {} given",
+             values.size());
         return MCU_STATUS::FAILURE;
     }
     bool was_on = false;
@@ -231,8 +233,8 @@ MCU_STATUS KOVmcu::writeMonoCalibinEEprom(int resolution, int side, calib_mono_d
         return check;
     }
     if (resolution < 0 || resolution > 3 || side < 0 || side > 1) {
-        ::mcu_log::log(::mcu_log::ERR, "writeMonoCalibinEEprom: no record for resolution {} side {}",
-                       resolution, side);
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, error, "writeMonoCalibinEEprom: no record for resolution {} side {}",
+             resolution, side);
         return MCU_STATUS::FAILURE;
     }
     bool was_on = false;
@@ -253,7 +255,7 @@ MCU_STATUS KOVmcu::writeStereoCalibinEEprom(float p0, float p1, float p2, float*
         return check;
     }
     if (block1 == nullptr || block2 == nullptr || block3 == nullptr) {
-        ::mcu_log::log(::mcu_log::ERR, "writeStereoCalibinEEprom: missing block");
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, error, "writeStereoCalibinEEprom: missing block");
         return MCU_STATUS::FAILURE;
     }
     bool was_on = false;
@@ -304,8 +306,8 @@ MCU_STATUS KOVmcu::writeFullCalibinEEprom(std::vector<std::pair<calib_mono_data,
         return check;
     }
     if (pairs.size() > 4) {
-        ::mcu_log::log(::mcu_log::ERR, "writeFullCalibinEEprom: {} resolutions given, 4 at most",
-                       pairs.size());
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, error, "writeFullCalibinEEprom: {} resolutions given, 4 at most",
+             pairs.size());
         return MCU_STATUS::FAILURE;
     }
     stopCapture();
@@ -335,7 +337,8 @@ MCU_STATUS KOVmcu::writeFullCalibinEEprom(std::vector<std::pair<calib_mono_data,
         return MCU_STATUS::FAILURE;
     }
     if (!r.updateEepromMemory(true)) {
-        ::mcu_log::log(::mcu_log::ERR, "KOVmcu::writeFullCalibinEEprom: can not update Eeprom Memory");
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, error,
+             "KOVmcu::writeFullCalibinEEprom: can not update Eeprom Memory");
         return MCU_STATUS::FAILURE;
     }
     eeprom = r.getEepromMemory(false);
@@ -488,7 +491,7 @@ bool KOVmcu::writeInFileEepromMemory() {
     }
     FILE* f = std::fopen("imu_calibration.txt", "w");
     if (f == nullptr) {
-        ::mcu_log::log(::mcu_log::ERR, "imu_calibration.txt can not be written");
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, error, "imu_calibration.txt can not be written");
         return false;
     }
     const _bias_data& b = eeprom.bias;

@@ -9,10 +9,10 @@
 #include <stdexcept>
 #include <vector>
 
-#include "bh_input/mcu/IMU/McuLog.h"
 #include "bh_input/mcu/IMU/SIDRecording.h"
 #include "bh_input/mcu/IMU/checkEepromValues.h"
 #include "platform/Platform.h"
+#include "support/KLogger.h"
 
 namespace {
 
@@ -92,12 +92,12 @@ int mcu_usb_recover(const char* hid_path) {
         bus = static_cast<uint8_t>(std::stoul(fields[0], nullptr, 16));
         address = static_cast<uint8_t>(std::stoul(fields[1], nullptr, 16));
     } catch (const std::invalid_argument&) {
-        mcu_log::log(mcu_log::ERR, "mcu_usb_recover: malformed HID path '{}' (stoul: not a number)",
-                     hid_path);
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, error,
+             "mcu_usb_recover: malformed HID path '{}' (stoul: not a number)", hid_path);
         return LIBUSB_ERROR_INVALID_PARAM;
     } catch (const std::out_of_range&) {
-        mcu_log::log(mcu_log::ERR, "mcu_usb_recover: malformed HID path '{}' (stoul: out of range)",
-                     hid_path);
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, error,
+             "mcu_usb_recover: malformed HID path '{}' (stoul: out of range)", hid_path);
         return LIBUSB_ERROR_INVALID_PARAM;
     }
 
@@ -123,29 +123,30 @@ int mcu_usb_recover(const char* hid_path) {
             }
             if (!dev || usb.open(dev, &handle) != 0) {
                 handle = nullptr;
-                mcu_log::log(mcu_log::ERR,
-                             "usb resetting unsuccessful! No matching device found, or error encountered!");
+                KLOG(bh::LOGGER_NAME::SDK_INPUT, error,
+                     "usb resetting unsuccessful! No matching device found, or error encountered!");
                 code = LIBUSB_ERROR_NOT_FOUND;
             } else {
                 do {
                     if ((code = usb.set_auto_detach_kernel_driver(handle, 1)) != 0) {
-                        mcu_log::log(mcu_log::ERR, "libusb_set_auto_detach_kernel_driver failed");
+                        KLOG(bh::LOGGER_NAME::SDK_INPUT, error,
+                             "libusb_set_auto_detach_kernel_driver failed");
                         break;
                     }
                     if ((code = usb.claim_interface(handle, 0)) != 0) {
-                        mcu_log::log(mcu_log::ERR, "libusb_claim_interface failed");
+                        KLOG(bh::LOGGER_NAME::SDK_INPUT, error, "libusb_claim_interface failed");
                         break;
                     }
                     if ((code = usb.clear_halt(handle, 1)) != 0) {
-                        mcu_log::log(mcu_log::ERR, "libusb_clear_halt 1 failed");
+                        KLOG(bh::LOGGER_NAME::SDK_INPUT, error, "libusb_clear_halt 1 failed");
                         break;
                     }
                     if ((code = usb.clear_halt(handle, 129)) != 0) {
-                        mcu_log::log(mcu_log::ERR, "libusb_clear_halt 129 failed");
+                        KLOG(bh::LOGGER_NAME::SDK_INPUT, error, "libusb_clear_halt 129 failed");
                         break;
                     }
                     if ((code = usb.reset_device(handle)) != 0) {
-                        mcu_log::log(mcu_log::ERR, "libusb_reset_device failed");
+                        KLOG(bh::LOGGER_NAME::SDK_INPUT, error, "libusb_reset_device failed");
                         break;
                     }
                 } while (false);
@@ -162,7 +163,7 @@ int mcu_usb_recover(const char* hid_path) {
         usb.exit(ctx);
     if (code != 0 && code != LIBUSB_ERROR_NOT_FOUND) {
         const char* name = usb.error_name(code);
-        mcu_log::log(mcu_log::CRITICAL, "libhid error: {}", name ? name : "unknown");
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, critical, "libhid error: {}", name ? name : "unknown");
     }
     return code;
 }
@@ -200,7 +201,7 @@ IMUHidReader::~IMUHidReader() {
         replay_file = nullptr;
     }
     if (platform::hid().exit() != 0)
-        mcu_log::log(mcu_log::ERR, "[Sensors][Read]: Error on Hid Exit");
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, error, "[Sensors][Read]: Error on Hid Exit");
 }
 
 // ---------------------------------------------------------------------------
@@ -410,7 +411,7 @@ bool IMUHidReader::sendOV580ResetCommand() {
 }
 
 bool IMUHidReader::sendStartDataStreamingCommand() {
-    mcu_log::log(mcu_log::DEBUG, "[enter] sendStartDataStreamingCommand");
+    KLOG(bh::LOGGER_NAME::SDK_INPUT, debug, "[enter] sendStartDataStreamingCommand");
     if (is_replay)
         return true;
     if (is_lost)
@@ -442,7 +443,7 @@ bool IMUHidReader::sendStartDataStreamingCommand() {
 }
 
 bool IMUHidReader::sendStopDataStreamingCommand() {
-    mcu_log::log(mcu_log::DEBUG, "[enter] sendStopDataStreamingCommand");
+    KLOG(bh::LOGGER_NAME::SDK_INPUT, debug, "[enter] sendStopDataStreamingCommand");
     if (is_replay)
         return true;
     if (is_lost)
@@ -469,7 +470,8 @@ bool IMUHidReader::sendWriteSNCommand(int serial_prefix, int serial_body) {
 bool IMUHidReader::sendEraseCommandwithSN(int serial_prefix, int serial_body) {
     if (!isLegacy() || is_lost)
         return false;
-    mcu_log::log(mcu_log::INFO, "[enter] sendEraseCommandwithSN {} {}", serial_body, serial_prefix);
+    KLOG(bh::LOGGER_NAME::SDK_INPUT, info, "[enter] sendEraseCommandwithSN {} {}", serial_body,
+         serial_prefix);
     std::memset(tx_buffer, 0, sizeof(tx_buffer));
     tx_buffer[0] = 0x24;
     tx_buffer[1] = 0x01;
@@ -477,10 +479,10 @@ bool IMUHidReader::sendEraseCommandwithSN(int serial_prefix, int serial_body) {
     std::memcpy(tx_buffer + 2, &a, 4);
     std::memcpy(tx_buffer + 6, &b, 4);
     if (tryWrite(handle, tx_buffer) > 0) {
-        mcu_log::log(mcu_log::INFO, "[exit] sendEraseCommandwithSN --> OK");
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, info, "[exit] sendEraseCommandwithSN --> OK");
         return true;
     }
-    mcu_log::log(mcu_log::ERR, "[exit] sendEraseCommandwithSN -->Failed to write /FALSE/");
+    KLOG(bh::LOGGER_NAME::SDK_INPUT, error, "[exit] sendEraseCommandwithSN -->Failed to write /FALSE/");
     return false;
 }
 
@@ -766,7 +768,7 @@ bool IMUHidReader::readEepromFeatRep(bool read_camera_calib) {
     };
     auto step = [&](uint8_t id, void* dst, size_t len, int sleep_ms) {
         fetch(id, dst, len);
-        mcu_log::log(mcu_log::DEBUG, "len_read {}", sum);
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, debug, "len_read {}", sum);
         if (sleep_ms > 0)
             sleepMs(sleep_ms);
     };
@@ -774,20 +776,20 @@ bool IMUHidReader::readEepromFeatRep(bool read_camera_calib) {
     fetch(mcu_id::SERIAL, &eeprom.serial, sizeof(eeprom.serial));
     serial_number = static_cast<uint32_t>(static_cast<int64_t>(eeprom.serial.serial_body) +
                                           static_cast<int64_t>(eeprom.serial.serial_prefix) * 10000000LL);
-    mcu_log::log(mcu_log::DEBUG, "len_read {}", sum);
-    mcu_log::log(mcu_log::INFO, "SN: {} / len_read {}", serial_number, sum);
+    KLOG(bh::LOGGER_NAME::SDK_INPUT, debug, "len_read {}", sum);
+    KLOG(bh::LOGGER_NAME::SDK_INPUT, info, "SN: {} / len_read {}", serial_number, sum);
     sleepMs(2);
     fetch(mcu_id::BIAS, &eeprom.bias, sizeof(eeprom.bias));
     checkBiasData(eeprom.bias);
-    mcu_log::log(mcu_log::DEBUG, "len_read {}", sum);
+    KLOG(bh::LOGGER_NAME::SDK_INPUT, debug, "len_read {}", sum);
     sleepMs(2);
     fetch(mcu_id::VARIANCE, &eeprom.variance, sizeof(eeprom.variance));
     checkVarianceData(eeprom.variance);
-    mcu_log::log(mcu_log::DEBUG, "len_read {}", sum);
+    KLOG(bh::LOGGER_NAME::SDK_INPUT, debug, "len_read {}", sum);
     sleepMs(2);
     fetch(mcu_id::CAM_IMU, &eeprom.cam_imu, sizeof(eeprom.cam_imu));
     checkCamIMUData(eeprom.cam_imu);
-    mcu_log::log(mcu_log::DEBUG, "len_read {}", sum);
+    KLOG(bh::LOGGER_NAME::SDK_INPUT, debug, "len_read {}", sum);
     sleepMs(2);
     if (read_camera_calib) {
         for (int i = 0; i < 8; ++i) {
@@ -799,11 +801,11 @@ bool IMUHidReader::readEepromFeatRep(bool read_camera_calib) {
     step(mcu_id::BAROM, &eeprom.barom_calib, sizeof(eeprom.barom_calib), 2);
     fetch(mcu_id::EXT_GYRO, &eeprom.ext_gyro_calib, sizeof(eeprom.ext_gyro_calib));
     checkExtendedGyroCalibData(eeprom.ext_gyro_calib);
-    mcu_log::log(mcu_log::DEBUG, "len_read {}", sum);
+    KLOG(bh::LOGGER_NAME::SDK_INPUT, debug, "len_read {}", sum);
     sleepMs(2);
     fetch(mcu_id::EXT_ACC, &eeprom.ext_acc_calib, sizeof(eeprom.ext_acc_calib));
     checkExtendedAccCalibData(eeprom.ext_acc_calib);
-    mcu_log::log(mcu_log::DEBUG, "len_read {}", sum);
+    KLOG(bh::LOGGER_NAME::SDK_INPUT, debug, "len_read {}", sum);
     sleepMs(2);
     if (firmware_version > 0x304)
         step(mcu_id::MAG, &eeprom.mag_calib, sizeof(eeprom.mag_calib), 5);
@@ -847,7 +849,7 @@ bool IMUHidReader::readEepromEx() {
         switch (id) {
             case 0:
                 if (rounds >= 11 && rounds % 50 == 0) {
-                    mcu_log::log(mcu_log::WARN, "WARNING : resend buffer due to timeout check");
+                    KLOG(bh::LOGGER_NAME::SDK_INPUT, warn, "WARNING : resend buffer due to timeout check");
                     platform::hid().write(handle, tx_buffer, 65);
                 }
                 break;
@@ -925,10 +927,10 @@ int IMUHidReader::open(unsigned int serial, bool recover, bool force) {
     char requested[16];
     std::snprintf(requested, sizeof(requested), "%u", serial);
     unsigned long long wanted = serial;
-    mcu_log::log(mcu_log::INFO, "[enter] open IMUReader {}", requested);
-    mcu_log::log(mcu_log::DEBUG, "[Sensors][enter] hid_enumerate IMUReader");
+    KLOG(bh::LOGGER_NAME::SDK_INPUT, info, "[enter] open IMUReader {}", requested);
+    KLOG(bh::LOGGER_NAME::SDK_INPUT, debug, "[Sensors][enter] hid_enumerate IMUReader");
     hid_device_info* devs = hid.enumerate(vendor_id, product_id);
-    mcu_log::log(mcu_log::DEBUG, "[Sensors][enter] listcheck IMUReader");
+    KLOG(bh::LOGGER_NAME::SDK_INPUT, debug, "[Sensors][enter] listcheck IMUReader");
 
     std::string chosen_path;
     unsigned long long chosen_serial = 0;
@@ -936,20 +938,21 @@ int IMUHidReader::open(unsigned int serial, bool recover, bool force) {
     bool reboot = false;
     for (hid_device_info* cur = devs; cur; cur = cur->next) {
         // The format repeats its first argument, as the field tools print it.
-        mcu_log::log(mcu_log::DEBUG, "[Sensors][list] Device! {0:x} {0:x} vs {0:x} {0:x}", cur->vendor_id,
-                     cur->product_id, vendor_id, product_id);
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, debug, "[Sensors][list] Device! {0:x} {0:x} vs {0:x} {0:x}",
+             cur->vendor_id, cur->product_id, vendor_id, product_id);
         if (cur->vendor_id != vendor_id || (product_id != 0 && cur->product_id != product_id))
             continue;
         if (!cur->path)
             continue;
-        mcu_log::log(mcu_log::INFO, "[Sensors] USB clear HALT & RESET - pre -");
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, info, "[Sensors] USB clear HALT & RESET - pre -");
         mcu_usb_recover(cur->path);
 
         unsigned long long sn = 0;
         const bool has_sn = parseDecimal(cur->serial_number, sn);
         const bool plausible = has_sn && sn >= 1 && sn <= PLAUSIBLE_MAX;
         if (!plausible && recover && !force) {
-            mcu_log::log(mcu_log::WARN, "[Sensors] MCU module not responding. Attempt module reboot");
+            KLOG(bh::LOGGER_NAME::SDK_INPUT, warn,
+                 "[Sensors] MCU module not responding. Attempt module reboot");
             is_lost = 0;
             hid_device* dev = hid.open_path(cur->path, 1);
             if (dev && cur->release_number > mcu_fw::LEGACY_MAX) {
@@ -961,10 +964,9 @@ int IMUHidReader::open(unsigned int serial, bool recover, bool force) {
                 if (written) {
                     reboot = true;
                 } else {
-                    mcu_log::log(
-                        mcu_log::WARN,
-                        "[Sensors] MCU not responding while resetting module.. Second step recovery... ");
-                    mcu_log::log(mcu_log::INFO, "[Sensors] USB clear: HALT & RESET - after -");
+                    KLOG(bh::LOGGER_NAME::SDK_INPUT, warn,
+                         "[Sensors] MCU not responding while resetting module.. Second step recovery... ");
+                    KLOG(bh::LOGGER_NAME::SDK_INPUT, info, "[Sensors] USB clear: HALT & RESET - after -");
                     mcu_usb_recover(cur->path);
                 }
             } else {
@@ -998,7 +1000,7 @@ int IMUHidReader::open(unsigned int serial, bool recover, bool force) {
 
     const bool good = chosen_serial != 0 && chosen_serial != UNPROGRAMMED_SERIAL;
     if (taken && ((!reboot && good) || force)) {
-        mcu_log::log(mcu_log::INFO, "[Sensors][enter] hid_open_path MCU {}", chosen_path);
+        KLOG(bh::LOGGER_NAME::SDK_INPUT, info, "[Sensors][enter] hid_open_path MCU {}", chosen_path);
         handle = hid.open_path(chosen_path.c_str(), 1);
         device_path = chosen_path;
     }

@@ -47,7 +47,7 @@ TEST(EngineCalibration, CorruptedRecordIsLoggedAndZeroedAtStart) {
     ASSERT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     e.engine->calib.R.setZero();
     e.engine->updateCameraIMUcalibration();
-    EXPECT_TRUE(log.has("Eeprom calib is corrupted 0 nan 0", mcu_log::ERR));
+    EXPECT_TRUE(log.has("Eeprom calib is corrupted 0 nan 0", spdlog::level::err));
     const Eigen::Matrix3f r = e.engine->cam_imu_transform.block<3, 3>(0, 0);
     EXPECT_TRUE(r.isIdentity());
 }

@@ -245,7 +245,7 @@ TEST(EngineOpen, RotationVectorOfNorm3141IsLoggedAndZeroed) {
     e.reader->device_eeprom.cam_imu.rot[0] = 3141.f;
     EXPECT_EQ(e.engine->open(20123456, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
     EXPECT_TRUE(e.engine->calib.R.isZero());
-    EXPECT_TRUE(log.has("Eeprom calib is corrupted 0 0 3141", mcu_log::ERR));
+    EXPECT_TRUE(log.has("Eeprom calib is corrupted 0 0 3141", spdlog::level::err));
 
     LogCapture log2;
     EngineOnMemory f(bh::KOVT, 0x305);
@@ -343,7 +343,7 @@ TEST(EngineCapture, SecondStartOnlyWaitsAndReturnsTheFirstSampleMark) {
     EXPECT_EQ(e.engine->capture_thread.get_id(), first);
     EXPECT_FLOAT_EQ(e.engine->start_yaw, 0.f);
     EXPECT_EQ(e.reader->countCalls("sendStartDataStreamingCommand"), 1);
-    EXPECT_TRUE(log.has("IMU reading already started -- call getIMUPose() to get data", mcu_log::WARN));
+    EXPECT_TRUE(log.has("IMU reading already started -- call getIMUPose() to get data", spdlog::level::warn));
     e.engine->stopCapture();
 }
 

@@ -126,10 +126,10 @@ TEST(EngineWriteBack, ChecksComeFirst) {
     bh::KOVmcu engine(false, 11011, bh::KOVT, std::unique_ptr<VirtualIMUReader>());
     std::vector<float> values(6, 0.f);
     EXPECT_EQ(engine.writeBiasinEEprom(values, false), MCU_STATUS::FAILURE);
-    EXPECT_TRUE(log.has("MCU_STATUS::FAILURE", mcu_log::INFO));
+    EXPECT_TRUE(log.has("MCU_STATUS::FAILURE", spdlog::level::info));
     EngineOnMemory e(bh::KOVT, 0x305);
     EXPECT_EQ(e.engine->writeBiasinEEprom(values, false), MCU_STATUS::NOT_OPEN);
-    EXPECT_TRUE(log.has("MCU_STATUS::NOT_OPEN", mcu_log::INFO));
+    EXPECT_TRUE(log.has("MCU_STATUS::NOT_OPEN", spdlog::level::info));
     eepromMemoryStrc image;
     EXPECT_EQ(e.engine->readFullEEprom(image), MCU_STATUS::NOT_OPEN);
     EXPECT_EQ(e.engine->formatFullEEprom(2, 1), MCU_STATUS::NOT_OPEN);
@@ -260,7 +260,7 @@ TEST(EngineWriteBack, FullCalibrationStopsAtTheFirstFailure) {
     f.reader->fail_eeprom_read = true;
     EXPECT_EQ(f.engine->writeFullCalibinEEprom(pairs, stereo, acc, gyro, mag, variance, bias),
               MCU_STATUS::FAILURE);
-    EXPECT_TRUE(log2.has("KOVmcu::writeFullCalibinEEprom: can not update Eeprom Memory", mcu_log::ERR));
+    EXPECT_TRUE(log2.has("KOVmcu::writeFullCalibinEEprom: can not update Eeprom Memory", spdlog::level::err));
 }
 
 TEST(EngineWriteBack, FormatWritesFactoryDefaults) {

@@ -13,51 +13,19 @@
 
 #include "PackedValue.h"
 #include "bh_input/mcu/IMU/IMUHidReader.h"
-#include "bh_input/mcu/IMU/McuLog.h"
 #include "platform/Platform.h"
 #include "sim/Machine.h"
 #include "sim/Simulator.h"
 #include "sim/mcu/SteppedClock.h"
 #include "sim/mcu/VirtualMcu.h"
+#include "tests/unit/common/LogCapture.h"
 
 namespace mcutest {
 
 constexpr uint16_t VENDOR = 0x2B03;
 constexpr uint16_t PICO = 0xF681;
 
-class LogCapture {
-public:
-    LogCapture() { mcu_log::setSink(&LogCapture::sink, this); }
-    ~LogCapture() { mcu_log::setSink(nullptr, nullptr); }
-    bool contains(const std::string& needle) const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return std::any_of(lines_.begin(), lines_.end(),
-                           [&](const std::string& l) { return l.find(needle) != std::string::npos; });
-    }
-    int count(const std::string& needle) const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return static_cast<int>(std::count_if(lines_.begin(), lines_.end(), [&](const std::string& l) {
-            return l.find(needle) != std::string::npos;
-        }));
-    }
-    std::vector<std::string> lines() const {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return lines_;
-    }
-    void clear() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        lines_.clear();
-    }
-
-private:
-    static void sink(int, const std::string& line, void* ctx) {
-        auto* self = static_cast<LogCapture*>(ctx);
-        std::lock_guard<std::mutex> lock(self->mutex_);
-        self->lines_.push_back(line);
-    }
-    mutable std::mutex mutex_;
-    std::vector<std::string> lines_;
-};
+using LogCapture = testlog::LogCapture;
 
 // A machine with a stepped clock; MCUs are added before install().
 struct SimMachine {
