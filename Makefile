@@ -15,7 +15,7 @@ DEB_PACKAGES := cmake g++ make pkg-config ccache qtbase5-dev \
 	libbackward-cpp-dev libsimpleini-dev libeigen3-dev libgtest-dev libgmock-dev \
 	libbenchmark-dev libclang-rt-14-dev xvfb fonts-dejavu-core librsvg2-bin
 
-.PHONY: all deps configure build run test unit-test e2e-test asan-test tsan-test bench clean
+.PHONY: all deps configure build run test unit-test e2e-test asan-test tsan-test bench screenshots clean
 
 all: build
 
@@ -54,6 +54,7 @@ run: build
 test:
 	@$(MAKE) --no-print-directory unit-test
 	@$(MAKE) --no-print-directory asan-test
+	@$(MAKE) --no-print-directory tsan-test
 
 unit-test: build
 	cd $(BUILD) && ctest $(CTEST_FLAGS) -j $(JOBS)
@@ -67,15 +68,23 @@ asan-test: deps
 	cd $(ASAN_BUILD) && ASAN_OPTIONS=detect_leaks=0:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 	    ctest $(CTEST_FLAGS) -j $(JOBS) -L unit -LE nosan
 
+# The thread sanitizer covers the threaded parts: only the test programs
+# labelled "threads" (and the libraries they need) are built for it.
 tsan-test: deps
 	@cmake -S . -B $(TSAN_BUILD) -DCMAKE_BUILD_TYPE=Debug -DKOV_TSAN=ON -DKOV_UNIT_ONLY=ON >/dev/null
-	@cmake --build $(TSAN_BUILD) -j $(JOBS)
-	cd $(TSAN_BUILD) && TSAN_OPTIONS=halt_on_error=1 ctest $(CTEST_FLAGS) -j $(JOBS) -L threads
+	@targets=$$(cd $(TSAN_BUILD) && ctest -N -L threads | sed -n 's/^ *Test *#[0-9]*: *//p'); \
+	    cmake --build $(TSAN_BUILD) -j $(JOBS) --target $$targets
+	cd $(TSAN_BUILD) && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+	    ctest $(CTEST_FLAGS) -j $(JOBS) -L threads
 
 bench: build
 	@for b in $(BUILD)/bench/bench_*; do \
 	    if [ -x "$$b" ]; then "$$b" --benchmark_repetitions=5 --benchmark_report_aggregates_only=true; fi; \
 	done
+
+# Screenshots of the graphical mode, taken under a virtual X server.
+screenshots: configure
+	scripts/screenshots.sh $(BUILD)
 
 clean:
 	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD)
