@@ -5,6 +5,9 @@
 #include <cmath>
 #include <cstring>
 
+#include <QJsonArray>
+#include <QJsonValue>
+
 #include "platform/Platform.h"
 #include "sim/Machine.h"
 #include "sim/Registry.h"
@@ -13,6 +16,30 @@
 namespace sim {
 
 namespace {
+
+constexpr double kGyroCountsPerDps = 32768.0 / 1000.0;  // the MCU's gyroscope scale
+constexpr double kAccCountsPerG = 4096.0;
+constexpr double kRadiansPerDegree = 3.14159265358979323846 / 180.0;
+
+int16_t toCounts(double value) {
+    const double limited = std::max(-32768.0, std::min(32767.0, std::round(value)));
+    return static_cast<int16_t>(limited);
+}
+
+// Three numbers of a scenario entry; absent keeps `out`.
+void readVector3(const Entry& e, const char* key, double out[3]) {
+    if (!e.has(key))
+        return;
+    const QJsonValue v = e.json().value(QString::fromLatin1(key));
+    if (!v.isArray() || v.toArray().size() != 3)
+        e.fail(key, "must be an array of three numbers");
+    const QJsonArray a = v.toArray();
+    for (int i = 0; i < 3; ++i) {
+        if (!a[i].isDouble() || !std::isfinite(a[i].toDouble()))
+            e.fail(key, "must be an array of three numbers");
+        out[i] = a[i].toDouble();
+    }
+}
 
 int64_t steadyNow() {
     return platform::clock().steadyNanoseconds();
@@ -152,7 +179,7 @@ McuConfig VirtualMcu::configFrom(const Entry& e) {
     e.allowOnly({"type",      "comment",       "name",          "model",    "vendor_id",   "product_id",
                  "firmware",  "serial",        "serial_string", "bus",      "address",     "interface",
                  "imu_odr",   "frame_rate",    "env_rate",      "mag_rate", "clock_scale", "start_ticks",
-                 "retrim_ms", "retrim_result", "eeprom",        "faults"});
+                 "retrim_ms", "retrim_result", "eeprom",        "faults",   "motion"});
     McuConfig c;
     const std::string model = e.choice("model", {"pico", "tera", "tera_r"}, "pico");
     c.productId = model == "pico" ? 0xF681 : model == "tera" ? 0xF781 : 0xF881;
@@ -190,6 +217,19 @@ McuConfig VirtualMcu::configFrom(const Entry& e) {
             e.fail("eeprom", "must hold exactly 697 bytes");
         std::memcpy(&c.eeprom, bytes.data(), bytes.size());
     }
+    if (e.has("motion")) {
+        Entry m = e.object("motion");
+        m.allowOnly({"comment", "rate_dps", "gravity"});
+        c.hasMotion = true;
+        readVector3(m, "rate_dps", c.motion.rateDps);
+        readVector3(m, "gravity", c.motion.gravity);
+        for (double r : c.motion.rateDps)
+            if (std::fabs(r) > 1000.0)
+                m.fail("rate_dps", "each rate must lie in -1000..1000 deg/s (the gyroscope's range)");
+        const double* g = c.motion.gravity;
+        if (!(std::sqrt(g[0] * g[0] + g[1] * g[1] + g[2] * g[2]) > 1e-9))
+            m.fail("gravity", "must not be the zero vector");
+    }
     if (e.has("faults")) {
         Entry f = e.object("faults");
         f.allowOnly({"comment", "stalled", "short_reads", "clock_jump_back_after", "ignore_first_requests",
@@ -223,7 +263,7 @@ void VirtualMcu::refreshLocked() const {
         // Power-on at the first contact, on the clock installed by then.
         auto* self = const_cast<VirtualMcu*>(this);
         self->booted_ = true;
-        self->tickBaseNs_ = self->streamStartNs_ = steadyNow();
+        self->tickBaseNs_ = self->streamStartNs_ = self->motionBaseNs_ = steadyNow();
     }
     if (rebootPending_ && steadyNow() >= absentUntilNs_) {
         auto* self = const_cast<VirtualMcu*>(this);
@@ -321,12 +361,24 @@ void VirtualMcu::buildSampleLocked(int64_t tNs, McuSensorReport& rep) {
     rep.report_id = legacy() ? 0 : 1;
     rep.imu_not_valid = 0;
     rep.timestamp = ticksAtLocked(tNs);
-    rep.gyro_x = static_cast<int16_t>(std::lround(30.0 * std::sin(phase)));
-    rep.gyro_y = static_cast<int16_t>(std::lround(-20.0 * std::cos(phase)));
-    rep.gyro_z = 5;
-    rep.acc_x = static_cast<int16_t>(std::lround(40.0 * std::sin(phase * 0.5)));
-    rep.acc_y = -12;
-    rep.acc_z = 4096;
+    if (config_.hasMotion) {
+        const double* w = config_.motion.rateDps;
+        rep.gyro_x = toCounts(w[0] * kGyroCountsPerDps);
+        rep.gyro_y = toCounts(w[1] * kGyroCountsPerDps);
+        rep.gyro_z = toCounts(w[2] * kGyroCountsPerDps);
+        double g[3];
+        gravityAtLocked(tNs, g);
+        rep.acc_x = toCounts(g[0] * kAccCountsPerG);
+        rep.acc_y = toCounts(g[1] * kAccCountsPerG);
+        rep.acc_z = toCounts(g[2] * kAccCountsPerG);
+    } else {
+        rep.gyro_x = static_cast<int16_t>(std::lround(30.0 * std::sin(phase)));
+        rep.gyro_y = static_cast<int16_t>(std::lround(-20.0 * std::cos(phase)));
+        rep.gyro_z = 5;
+        rep.acc_x = static_cast<int16_t>(std::lround(40.0 * std::sin(phase * 0.5)));
+        rep.acc_y = -12;
+        rep.acc_z = 4096;
+    }
     if (config_.frameRate > 0) {
         rep.sync_capabilities = 1;
         const int64_t frame =
@@ -367,6 +419,50 @@ void VirtualMcu::buildSampleLocked(int64_t tNs, McuSensorReport& rep) {
     }
     rep.temp_cam_left = 3800;
     rep.temp_cam_right = 3900;
+}
+
+// Gravity in the sensors' axes at tNs: the start direction, turned back by the
+// angle the sensors have turned since the motion began (a world-fixed vector
+// seen from a body turning at w moves as dv/dt = -w x v).
+void VirtualMcu::gravityAtLocked(int64_t tNs, double out[3]) const {
+    const double* g0 = config_.motion.gravity;
+    const double norm = std::sqrt(g0[0] * g0[0] + g0[1] * g0[1] + g0[2] * g0[2]);
+    double v[3] = {g0[0] / norm, g0[1] / norm, g0[2] / norm};
+    const double* r = config_.motion.rateDps;
+    const double rate = std::sqrt(r[0] * r[0] + r[1] * r[1] + r[2] * r[2]);
+    if (rate > 0.0) {
+        const double k[3] = {r[0] / rate, r[1] / rate, r[2] / rate};
+        const double angle = -rate * kRadiansPerDegree * static_cast<double>(tNs - motionBaseNs_) * 1e-9;
+        const double c = std::cos(angle), s = std::sin(angle);
+        const double kv = k[0] * v[0] + k[1] * v[1] + k[2] * v[2];
+        const double kxv[3] = {k[1] * v[2] - k[2] * v[1], k[2] * v[0] - k[0] * v[2],
+                               k[0] * v[1] - k[1] * v[0]};
+        for (int i = 0; i < 3; ++i)
+            v[i] = v[i] * c + kxv[i] * s + k[i] * kv * (1.0 - c);
+    }
+    for (int i = 0; i < 3; ++i)
+        out[i] = v[i];
+}
+
+void VirtualMcu::setMotion(const McuMotion& motion) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    refreshLocked();
+    config_.hasMotion = true;
+    config_.motion = motion;
+    motionBaseNs_ = steadyNow();
+}
+
+void VirtualMcu::setRotationRate(double xDps, double yDps, double zDps) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    refreshLocked();
+    const int64_t now = steadyNow();
+    if (config_.hasMotion)
+        gravityAtLocked(now, config_.motion.gravity);
+    config_.hasMotion = true;
+    config_.motion.rateDps[0] = xDps;
+    config_.motion.rateDps[1] = yDps;
+    config_.motion.rateDps[2] = zDps;
+    motionBaseNs_ = now;
 }
 
 int VirtualMcu::read(unsigned char* data, size_t length, int timeoutMs) {

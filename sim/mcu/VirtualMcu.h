@@ -22,6 +22,10 @@
 //   "clock_scale" (MCU ticks per true tick, default 1.0), "start_ticks"
 //   "retrim_ms" (duration of a retrimming, default 2000), "retrim_result" (3 or 4)
 //   "eeprom": 697 bytes (hex string or byte array) replacing the whole image
+//   "motion": {                        a steady motion instead of the built-in small rates
+//     "rate_dps": [x, y, z]            constant rotation rate, deg/s per sensor axis (|v| <= 1000)
+//     "gravity": [x, y, z]             direction of gravity at power-on (default [0, 0, 1])
+//   }
 //   "faults": {
 //     "stalled": bool                  IN endpoint halted until a USB clear-halt of 0x81
 //     "short_reads": {"after": samples, "count": n, "length": bytes}
@@ -51,6 +55,15 @@ namespace sim {
 class Machine;
 class Entry;
 
+// A steady motion of the sensors: a constant rotation rate in degrees per
+// second about each axis of the MCU's sensors, and the direction of gravity in
+// those axes when the motion starts (any length but zero; it is normalised).
+// While the sensors turn, gravity turns with them as a turning body sees it.
+struct McuMotion {
+    double rateDps[3] = {0.0, 0.0, 0.0};
+    double gravity[3] = {0.0, 0.0, 1.0};
+};
+
 struct McuConfig {
     uint16_t vendorId = 0x2B03;
     uint16_t productId = 0xF681;
@@ -68,6 +81,8 @@ struct McuConfig {
     int64_t retrimMs = 2000;
     int retrimResult = 3;
     eepromMemoryStrc eeprom{};  // filled by defaultEeprom() unless given
+    bool hasMotion = false;     // false: small built-in rates, gravity on +z
+    McuMotion motion;           // from power-on, when hasMotion
 
     // Faults.
     bool stalled = false;
@@ -121,6 +136,11 @@ public:
     void setEeprom(const eepromMemoryStrc& image);
     void setFrameRate(double hz);
     void setClockScale(double scale);
+    // From now on the sensors follow `motion` (gravity as given, at this instant).
+    void setMotion(const McuMotion& motion);
+    // Changes the rotation rate only; gravity goes on from where the turn so
+    // far has brought it. Starts a steady motion if none was set.
+    void setRotationRate(double xDps, double yDps, double zDps);
 
     // Observers.
     struct Counters {
@@ -144,6 +164,7 @@ private:
     void refreshLocked() const;
     void powerOnLocked(int64_t nowNs);
     void buildSampleLocked(int64_t tNs, McuSensorReport& rep);
+    void gravityAtLocked(int64_t tNs, double out[3]) const;
     uint64_t ticksAtLocked(int64_t tNs) const;
     bool recordOfLocked(uint8_t featureId, uint8_t*& rec, size_t& len);
     void legacyCommandLocked(const unsigned char* data, size_t length);
@@ -182,6 +203,9 @@ private:
 
     // Retrimming.
     int64_t retrimEndNs_ = -1;
+
+    // Steady motion: config_.motion holds from motionBaseNs_ on.
+    int64_t motionBaseNs_ = 0;
 
     Counters counters_;
 };

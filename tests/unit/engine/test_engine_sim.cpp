@@ -1,7 +1,8 @@
 // The engine on the simulated sensors MCU, through the real HID reader and the
 // simulated seams: a KOV Tera streaming at 400 Hz (threaded, real time; and
-// driven round by round in simulated time), open edge cases, and the EEPROM
-// write-back read back from the simulated EEPROM, legacy echo loop included.
+// driven round by round in simulated time, a large rotation included), open
+// edge cases, and the EEPROM write-back read back from the simulated EEPROM,
+// legacy echo loop included.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -159,6 +160,54 @@ TEST(EngineOnSimulatedMcu, TeraAt400HzInSimulatedTimeStaysLevelAndFollowsTheRate
     EXPECT_GT(std::fabs(integrated), 0.3);  // the rotation is there
     EXPECT_NEAR(twist, integrated, 0.05);
     EXPECT_LE(s.engine->imu_queue.size(), 1000u);
+}
+
+TEST(EngineOnSimulatedMcu, LargeRotationShowsAsItsAngle) {
+    // The same motion as the in-memory pipeline test, through the real reader:
+    // 2.5 s still, 0.5 s turning at 60 deg/s about the sensors' x, then still
+    // again. Gravity turns with the sensors, as a turning camera sees it.
+    SimEngine s(bh::KOVT, 21234567, 0x305, 2, true, [](sim::McuConfig& c) { c.hasMotion = true; });
+    ASSERT_EQ(s.engine->open(21234567, false, IMU_ODR_400), MCU_STATUS::SUCCESS);
+    s.engine->updateCameraIMUcalibration();
+    ASSERT_TRUE(s.engine->imu_reader->sendStartDataStreamingCommand());
+    s.engine->beginFusion();
+    std::vector<bh::IMUPacket> packets;
+    const auto run = [&](size_t count) {
+        const size_t target = packets.size() + count;
+        int guard = 0;
+        while (packets.size() < target && guard++ < 100000) {
+            if (s.engine->fusionRound()) {
+                packets.push_back(s.engine->imu_queue.atEnd(0));
+            }
+        }
+        return packets.size() == target;
+    };
+    ASSERT_TRUE(run(1000));
+    const bh::IMUPacket still = packets.back();
+    s.mcu->setRotationRate(60.0, 0.0, 0.0);
+    ASSERT_TRUE(run(200));
+    s.mcu->setRotationRate(0.0, 0.0, 0.0);
+    ASSERT_TRUE(run(100));
+    const bh::IMUPacket after = packets.back();
+
+    EXPECT_NEAR(still.gyro_raw[1], 0.f, 1e-6f);
+    EXPECT_LT(tiltError(still), 1.f);
+    bool saw_rate = false;
+    for (size_t i = 1000; i < 1200; ++i) {
+        // reader x is camera y; 1966 counts of 1000/32768 deg/s
+        saw_rate = saw_rate || std::fabs(packets[i].gyro_raw[1] - 60.f) < 0.1f;
+    }
+    EXPECT_TRUE(saw_rate);
+    // 0.5 s at 60 deg/s = 30 degrees between the still orientation and the one after the turn
+    const float turned = orientationOf(still).angularDistance(orientationOf(after)) * 57.29578f;
+    EXPECT_NEAR(turned, 30.f, 2.f);
+    // the accelerometer turned with the sensors, so the estimate stays level
+    EXPECT_LT(tiltError(after), 1.f);
+    // and the measured gravity turned by the same angle
+    const Eigen::Vector3f a0(still.acc[0], still.acc[1], still.acc[2]);
+    const Eigen::Vector3f a1(after.acc[0], after.acc[1], after.acc[2]);
+    EXPECT_NEAR(a1.norm(), a0.norm(), 0.05f * a0.norm());
+    EXPECT_NEAR(std::acos(a0.normalized().dot(a1.normalized())) * 57.29578f, 30.f, 1.f);
 }
 
 TEST(EngineOnSimulatedMcu, UnprogrammedSerialNeedsForce) {
