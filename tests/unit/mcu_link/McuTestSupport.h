@@ -16,7 +16,7 @@
 #include "platform/Platform.h"
 #include "sim/Machine.h"
 #include "sim/Simulator.h"
-#include "sim/mcu/SteppedClock.h"
+#include "sim/SteppedClock.h"
 #include "sim/mcu/VirtualMcu.h"
 #include "tests/unit/common/LogCapture.h"
 
