@@ -154,4 +154,20 @@ inline size_t countOccurrences(const std::string& text, const std::string& needl
     return n;
 }
 
+// The GPU the stand-in CUDA library reports in most tests: one Orin-class device.
+inline constexpr char kOrinDevice[] = "Orin|8.7|16|32000000000";
+
+// Base of the fixtures that run against the stand-ins: a system root, the
+// environment restored afterwards, one Orin-class GPU, and the AI library's
+// calls logged in the root. Fixtures add their own variables in SetUp after
+// calling this one.
+struct StandinTest : public ::testing::Test {
+    SysRoot root;
+    ScopedEnv env;
+    void SetUp() override {
+        env.set("KOV_STANDIN_CUDA_DEVICES", kOrinDevice);
+        env.set("KOV_STANDIN_AI_LOG", root.aiLogPath());
+    }
+};
+
 }  // namespace testsupport

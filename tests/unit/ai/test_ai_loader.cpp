@@ -10,17 +10,13 @@ using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
 using testsupport::countLines;
 using testsupport::ScopedEnv;
-using testsupport::SysRoot;
 
 namespace {
 
 // One Orin-class GPU and a log of the AI library's calls.
-struct LoaderTest : public ::testing::Test {
-    SysRoot root;
-    ScopedEnv env;
+struct LoaderTest : public testsupport::StandinTest {
     void SetUp() override {
-        env.set("KOV_STANDIN_CUDA_DEVICES", "Orin|8.7|16|32000000000");
-        env.set("KOV_STANDIN_AI_LOG", root.aiLogPath());
+        StandinTest::SetUp();
         env.unset("KOV_STANDIN_AI_VERSION");
         env.unset("KOV_STANDIN_AI_OPTIM_RESULT");
         env.unset("KOV_STANDIN_CUDNN_VERSION");

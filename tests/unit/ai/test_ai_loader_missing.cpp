@@ -12,19 +12,14 @@
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
 using testsupport::countLines;
-using testsupport::ScopedEnv;
-using testsupport::SysRoot;
 
 namespace {
 
 const std::string missing = KOV_MISSING_LIB;
 
-struct MissingLibTest : public ::testing::Test {
-    SysRoot root;
-    ScopedEnv env;
+struct MissingLibTest : public testsupport::StandinTest {
     void SetUp() override {
-        env.set("KOV_STANDIN_CUDA_DEVICES", "Orin|8.7|16|32000000000");
-        env.set("KOV_STANDIN_AI_LOG", root.aiLogPath());
+        StandinTest::SetUp();
         root.installAILibrary();
     }
 };

@@ -11,16 +11,12 @@ using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
 using testsupport::countLines;
 using testsupport::ScopedEnv;
-using testsupport::SysRoot;
 
 namespace {
 
-struct MaintenanceTest : public ::testing::Test {
-    SysRoot root;
-    ScopedEnv env;
+struct MaintenanceTest : public testsupport::StandinTest {
     void SetUp() override {
-        env.set("KOV_STANDIN_CUDA_DEVICES", "Orin|8.7|16|32000000000");
-        env.set("KOV_STANDIN_AI_LOG", root.aiLogPath());
+        StandinTest::SetUp();
         env.unset("KOV_STANDIN_CUDNN_VERSION");
         env.unset("KOV_STANDIN_CUDA_COUNT_RESULT");
         root.installAILibrary();

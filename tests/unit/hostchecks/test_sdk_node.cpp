@@ -3,7 +3,7 @@
 #include "diagnostic/SDKNode.h"
 
 #include "LoopbackHttpServer.h"
-#include "StandinTestSupport.h"
+#include "SdkTestSupport.h"
 
 #include <QCoreApplication>
 #include <QFile>
@@ -16,16 +16,12 @@
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
 using testsupport::ScopedEnv;
-using testsupport::SysRoot;
 
 namespace {
 
-struct SdkTest : public ::testing::Test {
-    SysRoot root;
-    ScopedEnv env;
+struct SdkTest : public SdkTestBase {
     void SetUp() override {
-        env.set("KOV_STANDIN_CUDA_DEVICES", "Orin|8.7|16|32000000000");
-        env.set("KOV_STANDIN_AI_LOG", root.aiLogPath());
+        SdkTestBase::SetUp();
         env.set("KOV_UPDATE_MANIFEST_HOST", "http://127.0.0.1:1");  // nothing listens: no update
         env.unset("KOV_STANDIN_SDK_VERSION");
         env.unset("KOV_STANDIN_CUDNN_VERSION");
@@ -38,12 +34,6 @@ struct SdkTest : public ::testing::Test {
         root.copyLibrary(testsupport::standinDir() + "/bin/nvcc", "/usr/local/" + dir + "/bin/nvcc");
         QFile::setPermissions(QString::fromStdString(root.path("/usr/local/" + dir + "/bin/nvcc")),
                               QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    }
-    static void fast(SDKNode& node) {
-        node.stepPause = std::chrono::milliseconds(0);
-        node.aiSettlePause = std::chrono::milliseconds(0);
-        node.progressStepPause = std::chrono::milliseconds(1);
-        node.progressStepWait = std::chrono::milliseconds(1);
     }
     QJsonObject runFull(SDKNode& node) {
         fast(node);

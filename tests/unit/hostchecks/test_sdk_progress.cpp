@@ -5,7 +5,7 @@
 // reports.
 #include "diagnostic/SDKNode.h"
 
-#include "StandinTestSupport.h"
+#include "SdkTestSupport.h"
 
 #include <QJsonArray>
 
@@ -16,25 +16,14 @@
 
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
-using testsupport::ScopedEnv;
-using testsupport::SysRoot;
 
 namespace {
 
-struct SdkTest : public ::testing::Test {
-    SysRoot root;
-    ScopedEnv env;
+struct SdkTest : public SdkTestBase {
     void SetUp() override {
-        env.set("KOV_STANDIN_CUDA_DEVICES", "Orin|8.7|16|32000000000");
-        env.set("KOV_STANDIN_AI_LOG", root.aiLogPath());
+        SdkTestBase::SetUp();
         env.unset("KOV_STANDIN_CUDNN_VERSION");
         env.unset("KOV_STANDIN_AI_VERSION");
-    }
-    static void fast(SDKNode& node) {
-        node.stepPause = std::chrono::milliseconds(0);
-        node.aiSettlePause = std::chrono::milliseconds(0);
-        node.progressStepPause = std::chrono::milliseconds(1);
-        node.progressStepWait = std::chrono::milliseconds(1);
     }
 };
 
