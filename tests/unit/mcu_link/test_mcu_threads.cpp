@@ -18,8 +18,13 @@ TEST(McuThreads, CommandsAndCopiesWhileStreaming) {
     ASSERT_TRUE(r.sendStartDataStreamingCommand());
 
     std::atomic<bool> done{false};
+    std::atomic<bool> started{false};
     std::atomic<int> delivered{0};
     std::thread fusion([&] {
+        // Simulated time makes the 3000 reads quick: wait until the other side
+        // is at work, so the two really overlap.
+        while (!started)
+            std::this_thread::yield();
         for (int i = 0; i < 3000; ++i)
             if (r.updateIMUData(true))
                 delivered++;
@@ -27,7 +32,7 @@ TEST(McuThreads, CommandsAndCopiesWhileStreaming) {
     });
     int copies = 0, pings = 0;
     uint64_t lastTs = 0;
-    while (!done) {
+    do {
         McuSensorReport rep = r.getSensorData();
         if (rep.report_id == 1) {
             EXPECT_GE(val(rep.timestamp), lastTs);
@@ -40,7 +45,8 @@ TEST(McuThreads, CommandsAndCopiesWhileStreaming) {
         (void)r.isDataStreamEnabled();
         (void)r.is_lost.load();
         (void)r.has_new_data.load();
-    }
+        started = true;
+    } while (!done);
     fusion.join();
     EXPECT_GT(delivered.load(), 2900);
     EXPECT_GT(copies, 0);
