@@ -3,6 +3,8 @@
 // command-line model maintenance.
 #include "StandinTestSupport.h"
 
+#include <QCoreApplication>
+#include <QDir>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -22,13 +24,29 @@ struct ToolRun {
     QJsonObject report;
 };
 
+// The tool scans its own path for options too: a build folder whose path holds
+// "-c", "-d", "-r" and the like would change the run. Start it through a link
+// at a plain path instead.
+QString plainToolPath() {
+    static const QString path = [] {
+        const QString dir =
+            QDir::tempPath() + "/kov_hostchecks_" + QString::number(QCoreApplication::applicationPid());
+        QDir().mkpath(dir);
+        const QString link = dir + "/kov_diagnostic";
+        QFile::remove(link);
+        QFile::link(KOV_DIAGNOSTIC_BIN, link);
+        return link;
+    }();
+    return path;
+}
+
 // Runs the tool in `cwd` with `env` and reads the report it wrote there.
 ToolRun runTool(const QStringList& args, const QProcessEnvironment& env, const QString& cwd) {
     QProcess p;
     p.setProcessEnvironment(env);
     p.setWorkingDirectory(cwd);
     p.setProcessChannelMode(QProcess::MergedChannels);
-    p.start(KOV_DIAGNOSTIC_BIN, args);
+    p.start(plainToolPath(), args);
     ToolRun r;
     if (!p.waitForFinished(240000)) {
         p.kill();
