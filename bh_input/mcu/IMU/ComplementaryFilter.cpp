@@ -486,13 +486,11 @@ void ComplementaryFilter::updateCovariance(float normalisedBeta, double ax, doub
 
 // ---------------------------------------------------------------- classic path
 
-void ComplementaryFilter::update(double ax, double ay, double az, double wx, double wy, double wz,
-                                 double dt) {
-    if (!initialized) {
-        getMeasurement(ax, ay, az, q0, q1, q2, q3);
-        initialized = true;
-        return;
-    }
+// The step both classic updates share: bias update, gyro prediction, then the
+// accelerometer correction scaled by the (adaptive) gain, written to r0..r3.
+void ComplementaryFilter::predictAndCorrectWithAcc(double ax, double ay, double az, double wx, double wy,
+                                                   double wz, double dt, double& r0, double& r1, double& r2,
+                                                   double& r3) {
     if (do_bias_estimation)
         updateBiases(ax, ay, az, wx, wy, wz);
 
@@ -504,8 +502,18 @@ void ComplementaryFilter::update(double ax, double ay, double az, double wx, dou
     const double gain = do_adaptive_gain ? getAdaptiveGain(gain_acc, ax, ay, az) : gain_acc;
     scaleQuaternion(gain, dq0_acc, dq1_acc, dq2_acc, dq3_acc);
 
-    quaternionMultiplication(q0_pred, q1_pred, q2_pred, q3_pred, dq0_acc, dq1_acc, dq2_acc, dq3_acc, q0, q1,
-                             q2, q3);
+    quaternionMultiplication(q0_pred, q1_pred, q2_pred, q3_pred, dq0_acc, dq1_acc, dq2_acc, dq3_acc, r0, r1,
+                             r2, r3);
+}
+
+void ComplementaryFilter::update(double ax, double ay, double az, double wx, double wy, double wz,
+                                 double dt) {
+    if (!initialized) {
+        getMeasurement(ax, ay, az, q0, q1, q2, q3);
+        initialized = true;
+        return;
+    }
+    predictAndCorrectWithAcc(ax, ay, az, wx, wy, wz, dt, q0, q1, q2, q3);
     normalizeQuaternion(q0, q1, q2, q3);
     calculateNonGravitationnal(q0, q1, q2, q3, ax, ay, az);
 }
@@ -517,20 +525,8 @@ void ComplementaryFilter::update(double ax, double ay, double az, double wx, dou
         initialized = true;
         return;
     }
-    if (do_bias_estimation)
-        updateBiases(ax, ay, az, wx, wy, wz);
-
-    double q0_pred, q1_pred, q2_pred, q3_pred;
-    getPrediction(wx, wy, wz, dt, q0_pred, q1_pred, q2_pred, q3_pred);
-
-    double dq0_acc, dq1_acc, dq2_acc, dq3_acc;
-    getAccCorrection(ax, ay, az, q0_pred, q1_pred, q2_pred, q3_pred, dq0_acc, dq1_acc, dq2_acc, dq3_acc);
-    const double alpha = do_adaptive_gain ? getAdaptiveGain(gain_acc, ax, ay, az) : gain_acc;
-    scaleQuaternion(alpha, dq0_acc, dq1_acc, dq2_acc, dq3_acc);
-
     double q0_temp, q1_temp, q2_temp, q3_temp;
-    quaternionMultiplication(q0_pred, q1_pred, q2_pred, q3_pred, dq0_acc, dq1_acc, dq2_acc, dq3_acc, q0_temp,
-                             q1_temp, q2_temp, q3_temp);
+    predictAndCorrectWithAcc(ax, ay, az, wx, wy, wz, dt, q0_temp, q1_temp, q2_temp, q3_temp);
 
     double dq0_mag, dq1_mag, dq2_mag, dq3_mag;
     getMagCorrection(mx, my, mz, q0_temp, q1_temp, q2_temp, q3_temp, dq0_mag, dq1_mag, dq2_mag, dq3_mag);

@@ -148,6 +148,8 @@ public:
     void updateAccCovariance(float normalisedBeta, double ax, double ay, double az);
 
 private:
+    void predictAndCorrectWithAcc(double ax, double ay, double az, double wx, double wy, double wz, double dt,
+                                  double& r0, double& r1, double& r2, double& r3);
     void madgwickStep(double ax, double ay, double az, double wx, double wy, double wz, double mx, double my,
                       double mz, double dt);
     bool checkState(double ax, double ay, double az, double wx, double wy, double wz) const;
