@@ -280,8 +280,8 @@ void VirtualMcu::powerOnLocked(int64_t nowNs) {
     nextIndex_ = 0;
     lastFrame_ = -1;
     frameCount_ = 0;
-    lastEnv_ = lastMag_ = -1;
-    envSeen_ = magSeen_ = false;
+    env_ = SlowSensor{};
+    mag_ = SlowSensor{};
     input_.clear();
     retrimEndNs_ = -1;
     if (bus_ && usbDevice_ && !unplugged_)
@@ -392,29 +392,15 @@ void VirtualMcu::buildSampleLocked(int64_t tNs, McuSensorReport& rep) {
     rep.frame_sync_count = frameCount_;
     rep.imu_temperature = legacy() ? static_cast<int16_t>(12 * 512) : static_cast<int16_t>(3550);
     if (config_.magRate > 0) {
-        const int64_t m = static_cast<int64_t>(std::floor(static_cast<double>(tNs) * config_.magRate / 1e9));
-        if (m != lastMag_) {
-            rep.mag_valid = 2;
-            magSeen_ = true;
-            lastMag_ = m;
-        } else {
-            rep.mag_valid = magSeen_ ? 1 : 0;
-        }
+        rep.mag_valid = mag_.tick(tNs, config_.magRate);
         rep.mag_x = 480;
         rep.mag_y = -320;
         rep.mag_z = 640;
     }
     if (config_.envRate > 0) {
-        const int64_t k = static_cast<int64_t>(std::floor(static_cast<double>(tNs) * config_.envRate / 1e9));
-        if (k != lastEnv_) {
-            rep.env_valid = 2;
-            envSeen_ = true;
-            lastEnv_ = k;
-        } else {
-            rep.env_valid = envSeen_ ? 1 : 0;
-        }
+        rep.env_valid = env_.tick(tNs, config_.envRate);
         rep.env_temperature = 2450;
-        rep.pressure = 101325 + static_cast<uint32_t>(k % 7);
+        rep.pressure = 101325 + static_cast<uint32_t>(env_.period % 7);
         rep.humidity = 45 * 1024;
     }
     rep.temp_cam_left = 3800;

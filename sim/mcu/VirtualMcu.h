@@ -39,6 +39,7 @@
 //     "legacy_stream_at_boot": bool    legacy firmware streams from power-on (default true)
 //   }
 
+#include <cmath>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -193,10 +194,23 @@ private:
     bool jumpPending_ = false;
     int64_t lastFrame_ = -1;
     uint32_t frameCount_ = 0;
-    int64_t lastEnv_ = -1;
-    int64_t lastMag_ = -1;
-    bool envSeen_ = false;
-    bool magSeen_ = false;
+    // A sensor slower than the stream: its flag is 2 on the first report of a
+    // new period, 1 while the last value stands, 0 before the first one.
+    struct SlowSensor {
+        int64_t period = -1;
+        bool seen = false;
+        uint8_t tick(int64_t tNs, double rateHz) {
+            const int64_t now = static_cast<int64_t>(std::floor(static_cast<double>(tNs) * rateHz / 1e9));
+            if (now != period) {
+                period = now;
+                seen = true;
+                return 2;
+            }
+            return seen ? 1 : 0;
+        }
+    };
+    SlowSensor env_;
+    SlowSensor mag_;
     int shortReadsLeft_ = 0;
     int shortReadLength_ = 20;
     std::deque<std::vector<uint8_t>> input_;  // legacy answers waiting on the interrupt stream
