@@ -119,8 +119,9 @@ int I2CHandler::i2c_write(unsigned int reg, const unsigned char* data, int lengt
     return length;
 }
 
-int I2CHandler::readBlockRegister(unsigned int chip, unsigned int reg, int regLen, unsigned char* buffer,
-                                  int length, int writeAddress) {
+// Checks a block access and points the handler at the chip: 1 when ready,
+// -1 closed, -2 bad chip address, 0 for an empty or malformed request.
+int I2CHandler::selectChip(unsigned int chip, int regLen, const unsigned char* data, int length) {
     if (fd < 0)
         return -1;
     if (chip > 255) {
@@ -128,10 +129,18 @@ int I2CHandler::readBlockRegister(unsigned int chip, unsigned int reg, int regLe
             std::printf("Error: Chip address invalid!\n");
         return -2;
     }
-    if (buffer == nullptr || length <= 0 || regLen < 1 || regLen > 4)
+    if (data == nullptr || length <= 0 || regLen < 1 || regLen > 4)
         return 0;
     address = static_cast<int32_t>(chip);
     iaddr_bytes = regLen;
+    return 1;
+}
+
+int I2CHandler::readBlockRegister(unsigned int chip, unsigned int reg, int regLen, unsigned char* buffer,
+                                  int length, int writeAddress) {
+    const int ready = selectChip(chip, regLen, buffer, length);
+    if (ready != 1)
+        return ready;
     int n = i2c_read(reg, buffer, length, writeAddress);
     if (n != length) {
         if (verbose)
@@ -148,17 +157,9 @@ int I2CHandler::readRegister(unsigned int chip, unsigned int reg, int regLen, un
 
 int I2CHandler::writeBlockRegister(unsigned int chip, unsigned int reg, int regLen, unsigned char* data,
                                    int length) {
-    if (fd < 0)
-        return -1;
-    if (chip > 255) {
-        if (verbose)
-            std::printf("Error: Chip address invalid!\n");
-        return -2;
-    }
-    if (data == nullptr || length <= 0 || regLen < 1 || regLen > 4)
-        return 0;
-    address = static_cast<int32_t>(chip);
-    iaddr_bytes = regLen;
+    const int ready = selectChip(chip, regLen, data, length);
+    if (ready != 1)
+        return ready;
     return i2c_write(reg, data, length);
 }
 

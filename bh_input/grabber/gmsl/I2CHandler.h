@@ -33,6 +33,7 @@ public:
     void setTenBitAddress(int on) { ten_bit = on; }
 
 private:
+    int selectChip(unsigned int chip, int regLen, const unsigned char* data, int length);
     int i2c_select();
     int i2c_read(unsigned int reg, unsigned char* buffer, int length, int writeAddress);
     int i2c_write(unsigned int reg, const unsigned char* data, int length);
