@@ -123,14 +123,9 @@ bool KOVmcu::calibrateIMUInternal(Eigen::Vector3f& gyro_bias, Eigen::Vector3f& a
 }
 
 MCU_STATUS KOVmcu::calibrateIMU(std::vector<float>& values, int samples) {
-    if (!imu_reader) {
-        KLOG(bh::LOGGER_NAME::SDK_INPUT, info, "MCU_STATUS::FAILURE");
-        return MCU_STATUS::FAILURE;
-    }
-    if (!imu_reader->is_open) {
-        KLOG(bh::LOGGER_NAME::SDK_INPUT, info, "MCU_STATUS::NOT_OPEN");
-        return MCU_STATUS::NOT_OPEN;
-    }
+    const MCU_STATUS ready = checkReader("calibrateIMU");
+    if (ready != MCU_STATUS::SUCCESS)
+        return ready;
     stopCapture();
     imu_reader->sendStartDataStreamingCommand();
     Eigen::Vector3f acc, gyro;
