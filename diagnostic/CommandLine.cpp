@@ -15,6 +15,7 @@
 #include "ai/ModelMaintenance.h"
 #include "diagnostic/ConsoleColor.h"
 #include "diagnostic/NodeList.h"
+#include "support/KLogger.h"
 
 volatile std::sig_atomic_t GUICheck = 1;
 bool skip_json = false;
@@ -89,6 +90,27 @@ void printDiagnosticLine(DiagnosticNode* node) {
     std::fflush(stdout);
 }
 
+bool printUpdateMessage(const UpdateDialog& dialog) {
+    std::string line =
+        removeHTMLMarkup(dialog.title.toStdString()) + " : " + removeHTMLMarkup(dialog.text.toStdString());
+    if (!dialog.webpage.isEmpty())
+        line += " (" + dialog.webpage.toStdString() + ")";
+    spdlog::logger* log = bh::KLogger::get_instance().get_logger(bh::LOGGER_NAME::SDK);
+    // The text comes from the network: it is an argument, never the format.
+    switch (dialog.icon) {
+        case UpdateDialog::Critical:
+            log->error("{}", line);
+            break;
+        case UpdateDialog::Warning:
+            log->warn("{}", line);
+            break;
+        default:
+            log->info("{}", line);
+            break;
+    }
+    return false;
+}
+
 void printDiagnosticStatus(DiagnosticRunner& runner) {
     const std::vector<DiagnosticNode*> nodes = runner.nodes;
     if (nodes.empty()) {
@@ -143,6 +165,9 @@ int runCommandLine(int argc, char** argv, AIParameters ai, bool arCheck, bool re
         return runAIModelMaintenance(ai);
     }
 
+    // The maker's messages found by the "KOV SDK" node are printed, not boxed.
+    setUpdateDialogPresenter(&printUpdateMessage);
+
     std::vector<DiagnosticNode*> nodes;
     if (recoverMcu || kernelLog) {
         DiagnosticNode* single = recoverMcu ? buildRecoverMcuNode() : buildKernelLogNode();
@@ -172,6 +197,7 @@ int runCommandLine(int argc, char** argv, AIParameters ai, bool arCheck, bool re
     printDiagnosticStatus(runner);
     std::printf("\n");
     runner.stopAndJoin();
+    setUpdateDialogPresenter(nullptr);
 
     if (!skip_json && report != nullptr) {
         // Written verbatim: report values are never used as a format string.

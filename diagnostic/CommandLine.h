@@ -6,6 +6,7 @@
 #include "diagnostic/AIParameters.h"
 #include "diagnostic/DiagnosticNode.h"
 #include "diagnostic/DiagnosticRunner.h"
+#include "support/Updater.h"
 
 // 1 until the graphical mode has built its application object; the abort
 // fallback re-runs the tool on the command line only while it is 1.
@@ -36,3 +37,9 @@ void printDiagnosticStatus(DiagnosticRunner& runner);
 void printDiagnosticLine(DiagnosticNode* node);
 // Strips the rich-text tags the messages use, for the console.
 std::string removeHTMLMarkup(std::string text);
+
+// The command line's presenter of the update check's messages: one log line
+// (title, text and, when there is one, the web page, tags stripped) at the
+// message's level: error for "error", warning for "warning", info otherwise.
+// Nothing waits for an answer, so nothing is ever hidden from here.
+bool printUpdateMessage(const UpdateDialog& dialog);

@@ -71,18 +71,25 @@ bool presentOnGuiThread(const UpdateDialog& dialog) {
 
 }  // namespace
 
+UpdateDialogPresenter onGuiThread(UpdateDialogPresenter show) {
+    return [show = std::move(show)](const UpdateDialog& dialog) {
+        QCoreApplication* app = QCoreApplication::instance();
+        if (app == nullptr || !show)
+            return false;
+        if (QThread::currentThread() == app->thread())
+            return show(dialog);
+        // Widgets live on the GUI thread: the box is shown there and this
+        // thread waits for the answer, so a ticked "Hide" is recorded.
+        bool hidden = false;
+        QMetaObject::invokeMethod(
+            app, [&hidden, &dialog, &show] { hidden = show(dialog); }, Qt::BlockingQueuedConnection);
+        return hidden;
+    };
+}
+
 bool presentUpdateDialog(const UpdateDialog& dialog) {
-    QCoreApplication* app = QCoreApplication::instance();
-    if (app == nullptr)
-        return false;
-    if (QThread::currentThread() == app->thread())
-        return presentOnGuiThread(dialog);
-    // Called from a worker (a check running on the diagnosis thread): widgets
-    // live on the GUI thread, so the box is shown there and this thread waits.
-    bool hidden = false;
-    QMetaObject::invokeMethod(
-        app, [&hidden, &dialog] { hidden = presentOnGuiThread(dialog); }, Qt::BlockingQueuedConnection);
-    return hidden;
+    static const UpdateDialogPresenter present = onGuiThread(&presentOnGuiThread);
+    return present(dialog);
 }
 
 void installUpdateDialogs() {

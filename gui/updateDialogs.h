@@ -13,5 +13,12 @@ void installUpdateDialogs();
 QMessageBox* makeUpdateDialogBox(const UpdateDialog& dialog, QWidget* parent = nullptr);
 
 // Shows one announcement modally; opens the web page on "More"; answers
-// whether "Hide" was ticked.
+// whether "Hide" was ticked. Callable from any thread: the box is made and
+// shown on the GUI thread.
 bool presentUpdateDialog(const UpdateDialog& dialog);
+
+// Wraps a presenter that must run on the GUI thread (it makes widgets): a call
+// from another thread (the "KOV SDK" node's worker) runs it there and waits
+// for its answer; a call on the GUI thread runs it directly. Without an
+// application object nothing is shown and the answer is false.
+UpdateDialogPresenter onGuiThread(UpdateDialogPresenter show);

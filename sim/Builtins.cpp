@@ -202,9 +202,13 @@ void addMcu(const Entry& e, Machine& m) {
 }
 
 void addI2cBus(const Entry& e, Machine& m) {
-    e.allowOnly({"type", "comment", "bus", "chips"});
+    e.allowOnly({"type", "comment", "bus", "chips", "claimed"});
     int number = static_cast<int>(e.integer("bus", 0, 255));
     auto bus = m.i2cBus(number);
+    // Addresses held by kernel drivers (a camera driver's sensor, serializer
+    // and EEPROM): only the forced address request reaches them.
+    for (int64_t address : e.integers("claimed", 0x03, 0x77))
+        bus->claim(static_cast<uint16_t>(address));
     for (const Entry& c : e.objects("chips")) {
         std::string type = c.string("type");
         ChipFactory make = detail::findI2cChipType(type);

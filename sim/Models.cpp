@@ -312,6 +312,9 @@ public:
             case I2C_SLAVE_FORCE:
                 if (value > (tenBit_ ? 0x3FFu : 0x7Fu))
                     return -EINVAL;
+                // Only the forced request may take an address a kernel driver holds.
+                if (request == I2C_SLAVE && bus_->claimed(static_cast<uint16_t>(value)))
+                    return -EBUSY;
                 address_ = static_cast<int>(value);
                 return 0;
             case I2C_FUNCS:
@@ -363,6 +366,16 @@ std::shared_ptr<I2cChip> I2cBus::chip(uint16_t address) const {
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = chips_.find(address);
     return it == chips_.end() ? nullptr : it->second;
+}
+
+void I2cBus::claim(uint16_t address) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    claimed_.insert(address);
+}
+
+bool I2cBus::claimed(uint16_t address) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return claimed_.count(address) != 0;
 }
 
 }  // namespace sim

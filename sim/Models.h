@@ -12,6 +12,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -239,7 +240,7 @@ private:
 // ---------------------------------------------------------------------------
 // I2C buses (/dev/i2c-N).
 
-// A chip on an I2C bus. A plain write (after I2C_SLAVE) is one write
+// A chip on an I2C bus. A plain write (after I2C_SLAVE or I2C_SLAVE_FORCE) is one write
 // transfer; a plain read one read transfer; I2C_RDWR gives the messages one
 // by one. Return false to NACK (the caller sees EIO / ENXIO).
 class I2cChip {
@@ -290,11 +291,17 @@ public:
     int number() const { return number_; }
     void attach(uint16_t address, std::shared_ptr<I2cChip> chip);
     std::shared_ptr<I2cChip> chip(uint16_t address) const;
+    // Marks an address as held by a kernel driver: I2C_SLAVE on it fails with
+    // EBUSY, I2C_SLAVE_FORCE is accepted, and I2C_RDWR ignores the claim, as
+    // the kernel's i2c-dev does. A claim needs no chip behind it.
+    void claim(uint16_t address);
+    bool claimed(uint16_t address) const;
 
 private:
     int number_;
     mutable std::mutex mutex_;
     std::map<uint16_t, std::shared_ptr<I2cChip>> chips_;
+    std::set<uint16_t> claimed_;
 };
 
 }  // namespace sim

@@ -124,17 +124,17 @@ std::string messageDigest(const QString& text) {
     return QCryptographicHash::hash(text.toUtf8(), QCryptographicHash::Md5).toHex().toStdString();
 }
 
-std::string CheckSDKUpdateOnline(bool silent) {
+std::string CheckSDKUpdateOnline(bool noReleaseDialog) {
     QLoggingCategory::setFilterRules("qt.network.ssl.warning=false");
     const QByteArray data =
         fetch(QUrl(QString::fromStdString(site::updateManifestUrl())), site::updateTimeoutMs());
-    return evaluateUpdateManifest(data, silent);
+    return evaluateUpdateManifest(data, noReleaseDialog);
 }
 
-std::string evaluateUpdateManifest(const QByteArray& data, bool silent) {
+std::string evaluateUpdateManifest(const QByteArray& data, bool noReleaseDialog) {
     std::vector<std::string> hidden = readHiddenMessages();
     bool hiddenChanged = false;
-    const UpdateDialogPresenter presenter = silent ? UpdateDialogPresenter() : currentPresenter();
+    const UpdateDialogPresenter presenter = currentPresenter();
 
     // A reply that is not JSON, or empty, reads as all zeros and empty texts.
     const QJsonObject root = QJsonDocument::fromJson(data).object();
@@ -150,7 +150,8 @@ std::string evaluateUpdateManifest(const QByteArray& data, bool silent) {
         const QString message = version.value("message").toString();
         if (!message.isEmpty()) {
             const std::string digest = messageDigest(message);
-            if (presenter && !isHidden(hidden, digest)) {
+            // Only the release announcement depends on the argument.
+            if (!noReleaseDialog && presenter && !isHidden(hidden, digest)) {
                 UpdateDialog dialog;
                 dialog.title = "New KOV SDK available";
                 dialog.text = message;
@@ -165,6 +166,8 @@ std::string evaluateUpdateManifest(const QByteArray& data, bool silent) {
         }
     }
 
+    // The maker's messages for this version, or for all, are shown whatever
+    // the argument.
     const QString running = QString("%1.%2.%3").arg(KOV_SDK_MAJOR).arg(KOV_SDK_MINOR).arg(KOV_SDK_PATCH);
     for (const QJsonValue& value : root.value("messages").toArray()) {
         const QJsonObject msg = value.toObject();

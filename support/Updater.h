@@ -23,10 +23,12 @@ struct UpdateDialog {
     bool moreButton = false;
 };
 
-// Shows one dialog modally and answers whether "Hide" was ticked. The core
-// links no widgets, so the GUI installs the presenter (with the font "Nunito
-// Sans", 10 pt, weight 40, QMessageBox and QDesktopServices::openUrl for
-// "More"); without one no dialog is shown and nothing gets hidden.
+// Shows one dialog and answers whether "Hide" was ticked. It is called on the
+// thread that runs the check. The core links no widgets, so each mode installs
+// its own: the window's shows a modal QMessageBox on the GUI thread (font
+// "Nunito Sans", 10 pt, weight 40; QDesktopServices::openUrl for "More"), the
+// command line prints the message and waits for nothing. Without one no
+// dialog is shown and nothing gets hidden.
 using UpdateDialogPresenter = std::function<bool(const UpdateDialog&)>;
 void setUpdateDialogPresenter(UpdateDialogPresenter presenter);
 
@@ -49,13 +51,15 @@ std::string messageDigest(const QString& text);
 
 // Fetches the manifest (site::updateManifestUrl(), giving up after
 // site::updateTimeoutMs()) and returns the web page of a newer release, or ""
-// when there is none, no answer or no usable answer. With `silent` false the
-// release announcement and the messages for this version that are not hidden
-// are shown through the presenter; with `silent` true none is shown.
-std::string CheckSDKUpdateOnline(bool silent);
+// when there is none, no answer or no usable answer. The messages published
+// for this version (or for "*") that are not hidden are shown through the
+// presenter whatever the argument; the announcement of a newer release only
+// when `noReleaseDialog` is false.
+std::string CheckSDKUpdateOnline(bool noReleaseDialog);
 
 // The part of the check after the fetch: reads the hidden list, judges the
 // manifest text `data` (anything; not JSON or empty reads as nothing newer and
-// no message), shows the dialogs unless `silent`, writes the list back when a
-// message was hidden, and returns the newer release's web page or "".
-std::string evaluateUpdateManifest(const QByteArray& data, bool silent);
+// no message), shows the dialogs (the release one unless `noReleaseDialog`),
+// writes the list back when a message was hidden, and returns the newer
+// release's web page or "".
+std::string evaluateUpdateManifest(const QByteArray& data, bool noReleaseDialog);

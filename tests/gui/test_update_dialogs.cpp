@@ -12,7 +12,10 @@
 #include <memory>
 #include <thread>
 
+#include <QFile>
+
 #include "gui/updateDialogs.h"
+#include "tests/unit/hostchecks/LoopbackHttpServer.h"
 
 namespace {
 
@@ -41,6 +44,63 @@ void answer(const QString& button, bool tickHide) {
     });
 }
 
+// A manifest with a newer release (and its announcement) and three messages,
+// two of them for this version.
+const char* const kManifest =
+    R"({"latest":{"version":{"webpage":"https://example.test/release","major":4,"minor":1,"patch":3,)"
+    R"("message":"Release notes"}},"messages":[)"
+    R"({"version":"*","text":"Maintenance tonight","title":"Notice","type":"warning","webpage":""},)"
+    R"({"version":"4.0.0","text":"Old version","title":"Other","type":"info","webpage":""},)"
+    R"({"version":"4.1.2","text":"Read the notes","title":"For you","type":"info","webpage":"https://example.test/n"}]})";
+
+// Serves the manifest and points the update check at it, with an empty hidden
+// list, for the life of the object.
+struct ManifestServer {
+    testsupport::LoopbackHttpServer server;
+    QByteArray previousHost = qgetenv("KOV_UPDATE_MANIFEST_HOST");
+    ManifestServer() {
+        server.setBody(kManifest);
+        qputenv("KOV_UPDATE_MANIFEST_HOST", QByteArray::fromStdString(server.host()));
+        QFile::remove(QString::fromStdString(hiddenMessagesPath()));
+    }
+    ~ManifestServer() {
+        qputenv("KOV_UPDATE_MANIFEST_HOST", previousHost);
+        QFile::remove(QString::fromStdString(hiddenMessagesPath()));
+        setUpdateDialogPresenter(nullptr);
+    }
+    static QByteArray hiddenList() {
+        QFile f(QString::fromStdString(hiddenMessagesPath()));
+        return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+    }
+};
+
+// Runs the "KOV SDK" node's call, CheckSDKUpdateOnline(true), on a worker
+// while this (GUI) thread keeps its event loop going; the result, or "timeout".
+std::string checkOnWorker() {
+    std::atomic<bool> done{false};
+    std::string result;
+    std::thread worker([&] {
+        result = CheckSDKUpdateOnline(true);
+        done = true;
+    });
+    QElapsedTimer timer;
+    timer.start();
+    while (!done.load() && timer.elapsed() < 20000)
+        QTest::qWait(10);
+    if (!done.load()) {
+        // Leave nothing blocked behind: answer whatever is still open.
+        while (!done.load()) {
+            if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget()))
+                box->reject();
+            QTest::qWait(10);
+        }
+        worker.join();
+        return "timeout";
+    }
+    worker.join();
+    return result;
+}
+
 }  // namespace
 
 class TestUpdateDialogs : public QObject {
@@ -52,6 +112,8 @@ private slots:
     void hideIsReported();
     void closeWithoutHide();
     void workerThreadCallShowsOnGuiThread();
+    void messagesWithArgumentTrueReachTheWindow();
+    void presenterRunsOnGuiThreadOnly();
 };
 
 void TestUpdateDialogs::boxWithPage() {
@@ -133,6 +195,60 @@ void TestUpdateDialogs::workerThreadCallShowsOnGuiThread() {
     worker.join();
     QCOMPARE(result.load(), 1);
     QCOMPARE(boxThread, QCoreApplication::instance()->thread());
+}
+
+void TestUpdateDialogs::messagesWithArgumentTrueReachTheWindow() {
+    ManifestServer manifest;
+    installUpdateDialogs();
+    // Answers each box as it comes: "Hide" on the first, "Close" on all.
+    QStringList titles;
+    QList<QThread*> threads;
+    QTimer answerer;
+    answerer.setInterval(20);
+    QObject::connect(&answerer, &QTimer::timeout, [&] {
+        auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+        if (box == nullptr || !box->isVisible())
+            return;
+        titles << box->windowTitle();
+        threads << box->thread();
+        if (titles.size() == 1)
+            box->checkBox()->setChecked(true);
+        for (QAbstractButton* b : box->buttons())
+            if (b->text() == "Close")
+                b->click();
+    });
+    answerer.start();
+    const std::string result = checkOnWorker();
+    answerer.stop();
+    QCOMPARE(result, std::string("https://example.test/release"));
+    // The release box is left out with the argument true; the two messages for
+    // this version are shown, in order, each made on the GUI thread.
+    QCOMPARE(titles, QStringList({"Notice", "For you"}));
+    for (QThread* t : threads)
+        QCOMPARE(t, QCoreApplication::instance()->thread());
+    // "Hide" on the first box reached the list: the MD5 digest of "Maintenance tonight".
+    QCOMPARE(ManifestServer::hiddenList(), QByteArray("f8cbef8ef2f2deb8a53d53ef37056d69\n"));
+}
+
+void TestUpdateDialogs::presenterRunsOnGuiThreadOnly() {
+    ManifestServer manifest;
+    QThread* const gui = QCoreApplication::instance()->thread();
+    QStringList titles;
+    int offThread = 0;
+    setUpdateDialogPresenter(onGuiThread([&](const UpdateDialog& dialog) {
+        if (QThread::currentThread() != gui)
+            ++offThread;
+        std::unique_ptr<QMessageBox> box(makeUpdateDialogBox(dialog));
+        if (box->thread() != gui)
+            ++offThread;
+        titles << box->windowTitle();
+        return dialog.title == "For you";
+    }));
+    QCOMPARE(checkOnWorker(), std::string("https://example.test/release"));
+    QCOMPARE(offThread, 0);
+    QCOMPARE(titles, QStringList({"Notice", "For you"}));
+    // The presenter's "Hide" on "For you": the MD5 digest of "Read the notes".
+    QCOMPARE(ManifestServer::hiddenList(), QByteArray("1b8ae94a383580d2b1829c34f152df49\n"));
 }
 
 QTEST_MAIN(TestUpdateDialogs)

@@ -57,7 +57,10 @@ int I2CHandler::i2c_select() {
             std::perror("Set I2C_TENBIT failed");
         return -1;
     }
-    if (sys.ioctlValue(fd, I2C_SLAVE, static_cast<unsigned long>(address)) < 0) {
+    // The forced request: on a Jetson the camera driver holds the sensor,
+    // serializer and EEPROM addresses, and the plain I2C_SLAVE fails there
+    // with EBUSY.
+    if (sys.ioctlValue(fd, I2C_SLAVE_FORCE, static_cast<unsigned long>(address)) < 0) {
         if (verbose)
             std::perror("Set i2c device address failed");
         return -1;
@@ -152,7 +155,9 @@ int I2CHandler::readBlockRegister(unsigned int chip, unsigned int reg, int regLe
 
 int I2CHandler::readRegister(unsigned int chip, unsigned int reg, int regLen, unsigned char& value,
                              int writeAddress) {
-    return readBlockRegister(chip, reg, regLen, &value, 1, writeAddress) == 1 ? 1 : 0;
+    // -1 closed, -2 bad chip address, 0 for any other failure.
+    const int n = readBlockRegister(chip, reg, regLen, &value, 1, writeAddress);
+    return n < 0 ? n : (n == 1 ? 1 : 0);
 }
 
 int I2CHandler::writeBlockRegister(unsigned int chip, unsigned int reg, int regLen, unsigned char* data,
@@ -185,7 +190,7 @@ int i2c_read(int fd, uint8_t devAddr, uint8_t reg, uint8_t* data, uint32_t lengt
     platform::Sys& sys = platform::sys();
     if (fd < 0 || data == nullptr)
         return -1;
-    if (sys.ioctlValue(fd, I2C_SLAVE, devAddr) < 0)
+    if (sys.ioctlValue(fd, I2C_SLAVE_FORCE, devAddr) < 0)
         return -1;
     if (sys.write(fd, &reg, 1) != 1)
         return -1;
@@ -197,7 +202,7 @@ int i2c_write(int fd, uint8_t devAddr, uint8_t reg, const uint8_t* data, uint32_
     platform::Sys& sys = platform::sys();
     if (fd < 0 || (data == nullptr && length > 0))
         return -1;
-    if (sys.ioctlValue(fd, I2C_SLAVE, devAddr) < 0)
+    if (sys.ioctlValue(fd, I2C_SLAVE_FORCE, devAddr) < 0)
         return -1;
     std::vector<uint8_t> out(1 + length);
     out[0] = reg;

@@ -16,7 +16,8 @@ public:
     int openI2C(unsigned int bus, int verbose);
     void closeI2C();
 
-    // 1 for success.
+    // 1 for success; -1 without descriptor (value untouched); -2 for a chip
+    // address above 255; 0 for a failed read.
     int readRegister(unsigned int chip, unsigned int reg, int regLen, unsigned char& value,
                      int writeAddress = 1);
     // The length read; -1 without descriptor; -2 for a chip address above 255;
@@ -50,6 +51,8 @@ private:
 
 // Plain functions on a descriptor, for the inertial chip driver. Results are
 // 0 for success and -1 for failure, except i2c_open (descriptor or -1).
+// Addresses are selected with the forced request (I2C_SLAVE_FORCE), as in
+// I2CHandler.
 int i2c_open(unsigned int bus);
 void i2c_close(int fd);
 // Writes the one-byte register, waits length x 5 us, reads length bytes.

@@ -1,10 +1,76 @@
 #include <gtest/gtest.h>
 
+#include <mutex>
+#include <utility>
+#include <vector>
+
 #include "SimScenario.h"
 #include "bh_input/grabber/gmsl/I2CHandler.h"
 #include "sim/Builtins.h"
+#include "sim/Machine.h"
+#include "sim/Models.h"
 
 using testsupport::ScopedScenario;
+
+namespace {
+
+// Passes every call to the simulated Sys and records the ioctl requests with
+// their integer argument, so a test sees the request numbers at the seam.
+class RecordingSys : public platform::Sys {
+public:
+    explicit RecordingSys(std::shared_ptr<platform::Sys> inner) : inner_(std::move(inner)) {}
+    int open(const char* path, int flags, mode_t mode) override { return inner_->open(path, flags, mode); }
+    int close(int fd) override { return inner_->close(fd); }
+    ssize_t read(int fd, void* buf, size_t count) override { return inner_->read(fd, buf, count); }
+    ssize_t write(int fd, const void* buf, size_t count) override { return inner_->write(fd, buf, count); }
+    int ioctl(int fd, unsigned long request, void* arg) override {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            requests_.emplace_back(request, reinterpret_cast<uintptr_t>(arg));
+        }
+        return inner_->ioctl(fd, request, arg);
+    }
+    void* mmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset) override {
+        return inner_->mmap(addr, length, prot, flags, fd, offset);
+    }
+    int munmap(void* addr, size_t length) override { return inner_->munmap(addr, length); }
+    int poll(struct pollfd* fds, nfds_t nfds, int timeout) override {
+        return inner_->poll(fds, nfds, timeout);
+    }
+    int select(int nfds, fd_set* r, fd_set* w, fd_set* e, struct timeval* timeout) override {
+        return inner_->select(nfds, r, w, e, timeout);
+    }
+    int stat(const char* path, struct stat* buf) override { return inner_->stat(path, buf); }
+
+    std::vector<std::pair<unsigned long, uintptr_t>> requests() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return requests_;
+    }
+    void clear() {
+        std::lock_guard<std::mutex> lock(mutex_);
+        requests_.clear();
+    }
+
+private:
+    std::shared_ptr<platform::Sys> inner_;
+    mutable std::mutex mutex_;
+    std::vector<std::pair<unsigned long, uintptr_t>> requests_;
+};
+
+// The shipped GMSL scenario behind a recording Sys.
+struct RecordedScenario {
+    std::shared_ptr<sim::Machine> machine = sim::loadScenario(testsupport::scenarioPath("gmsl_eeprom_bus30"));
+    platform::Backend backend = sim::makeBackend(machine);
+    std::shared_ptr<RecordingSys> sys = std::make_shared<RecordingSys>(backend.sys);
+    platform::ScopedBackend scope{withSys(backend, sys)};
+
+    static platform::Backend withSys(platform::Backend b, std::shared_ptr<platform::Sys> s) {
+        b.sys = std::move(s);
+        return b;
+    }
+};
+
+}  // namespace
 
 TEST(I2CHandler, ClosedHandlerGivesMinusOneAndLeavesBuffer) {
     I2CHandler h;
@@ -13,9 +79,104 @@ TEST(I2CHandler, ClosedHandlerGivesMinusOneAndLeavesBuffer) {
     for (unsigned char b : buf)
         EXPECT_EQ(b, 0xA5);
     unsigned char v = 0x5A;
-    EXPECT_EQ(h.readRegister(0x55, 4, 1, v, 1), 0);
+    EXPECT_EQ(h.readRegister(0x55, 4, 1, v, 1), -1);
     EXPECT_EQ(v, 0x5A);
     EXPECT_EQ(h.writeBlockRegister(0x55, 0, 1, buf, 4), -1);
+    EXPECT_EQ(h.writeRegister(0x55, 0, 1, 0x12), -1);
+}
+
+TEST(I2CHandler, EveryCallOnAClosedHandlerGivesMinusOne) {
+    ScopedScenario s("gmsl_eeprom_bus30");
+    I2CHandler h;
+    ASSERT_GE(h.openI2C(30, 1), 0);
+    h.closeI2C();
+    EXPECT_EQ(h.getFd(), -1);
+    testing::internal::CaptureStdout();
+    unsigned char buf[4] = {0xA5, 0xA5, 0xA5, 0xA5};
+    unsigned char v = 0x5A;
+    // Whatever else is wrong with the call, a closed handler answers -1 and
+    // writes nothing into the caller's memory.
+    EXPECT_EQ(h.readRegister(0x55, 0, 1, v, 1), -1);
+    EXPECT_EQ(h.readRegister(0x55, 0, 1, v, 0), -1);
+    EXPECT_EQ(h.readRegister(300, 0, 1, v, 1), -1);
+    EXPECT_EQ(h.readBlockRegister(0x55, 0, 1, buf, 4, 1), -1);
+    EXPECT_EQ(h.readBlockRegister(0x55, 0, 2, buf, 4, 0), -1);
+    EXPECT_EQ(h.readBlockRegister(0x55, 0, 1, buf, 0, 1), -1);
+    EXPECT_EQ(h.readBlockRegister(300, 0, 1, buf, 4, 1), -1);
+    EXPECT_EQ(h.readBlockRegister(0x55, 0, 1, nullptr, 4, 1), -1);
+    EXPECT_EQ(h.writeRegister(0x55, 0, 1, 0x12), -1);
+    EXPECT_EQ(h.writeBlockRegister(0x55, 0, 1, buf, 4), -1);
+    EXPECT_EQ(h.writeBlockRegister(300, 0, 1, buf, 4), -1);
+    EXPECT_EQ(h.writeBlockRegister(0x55, 0, 1, nullptr, 0), -1);
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(v, 0x5A);
+    for (unsigned char b : buf)
+        EXPECT_EQ(b, 0xA5);
+    // Closing again is harmless.
+    h.closeI2C();
+    EXPECT_EQ(h.getFd(), -1);
+}
+
+TEST(I2CHandler, SelectsTheChipWithTheForcedRequest) {
+    RecordedScenario s;
+    I2CHandler h;
+    ASSERT_GE(h.openI2C(30, 0), 0);
+    unsigned char serial[4] = {};
+    ASSERT_EQ(h.readBlockRegister(0x55, 0, 1, serial, 4, 1), 4);
+    unsigned char v = 0;
+    ASSERT_EQ(h.writeRegister(0x55, 7, 1, 0x33), 1);
+    auto requests = s.sys->requests();
+    // Each access: the ten-bit flag (1796) with 0, then the address (1798) with 0x55.
+    ASSERT_EQ(requests.size(), 4u);
+    for (size_t i = 0; i < requests.size(); i += 2) {
+        EXPECT_EQ(requests[i].first, 1796ul);
+        EXPECT_EQ(requests[i].second, 0u);
+        EXPECT_EQ(requests[i + 1].first, 1798ul);
+        EXPECT_EQ(requests[i + 1].second, 0x55u);
+    }
+    EXPECT_EQ(h.readRegister(0x55, 7, 1, v, 1), 1);
+    EXPECT_EQ(v, 0x33);
+}
+
+TEST(I2CHandler, ReadsAnEepromOnAnAddressHeldByADriver) {
+    // On a Jetson the camera driver holds 0x55: the plain address request
+    // fails there with EBUSY, which the handler must not depend on.
+    ScopedScenario s("gmsl_eeprom_bus30");
+    ASSERT_TRUE(s.machine().i2cBus(30)->claimed(0x55));
+    I2CHandler h;
+    ASSERT_GE(h.openI2C(30, 1), 0);
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    unsigned char serial[4] = {};
+    const int n = h.readBlockRegister(0x55, 0, 1, serial, 4, 1);
+    const std::string err = testing::internal::GetCapturedStderr();
+    testing::internal::GetCapturedStdout();
+    ASSERT_EQ(n, 4) << err;
+    EXPECT_EQ(err.find("Set i2c device address failed"), std::string::npos) << err;
+    EXPECT_EQ(serial[0] | serial[1] << 8 | serial[2] << 16 | static_cast<uint32_t>(serial[3]) << 24,
+              41000123u);
+}
+
+TEST(I2CHandler, AddressFailureMessages) {
+    // A ten-bit flag the bus refuses and an address it refuses: the messages
+    // of the two steps of the selection, printed only when verbose.
+    auto m = std::make_shared<sim::Machine>("test");
+    m->i2cBus(30)->attach(0x55, sim::makeCameraEeprom(1, 0x11, 2, 1));
+    ScopedScenario s(m);
+    I2CHandler h;
+    ASSERT_GE(h.openI2C(30, 1), 0);
+    unsigned char buf[2] = {7, 7};
+    testing::internal::CaptureStderr();
+    testing::internal::CaptureStdout();
+    // 0x80 and above is no seven-bit address.
+    EXPECT_EQ(h.readBlockRegister(0x80, 0, 1, buf, 2, 1), 0);
+    EXPECT_EQ(h.writeBlockRegister(0x80, 0, 1, buf, 2), -3);
+    const std::string out = testing::internal::GetCapturedStdout();
+    const std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find("Set i2c device address failed"), std::string::npos) << err;
+    EXPECT_NE(out.find("Failed to i2Cselect"), std::string::npos) << out;
+    EXPECT_NE(out.find("Mismatch data size -1 2"), std::string::npos) << out;
+    EXPECT_EQ(buf[0], 7);
 }
 
 TEST(I2CHandler, BusOutOfRange) {
@@ -96,6 +257,26 @@ TEST(I2CHandler, WriteSplitsAtPageBoundaries) {
     ASSERT_EQ(chip->writeLog().size(), 1u);
     EXPECT_EQ(chip->writeLog()[0][0], 0x01);
     EXPECT_EQ(chip->writeLog()[0][1], 0x02);
+}
+
+TEST(I2CPlainFunctions, SelectWithTheForcedRequestOnClaimedAddresses) {
+    RecordedScenario s;
+    int fd = i2c_open(30);
+    ASSERT_GE(fd, 0);
+    uint8_t serial[4] = {};
+    // 0x55 is held by the camera driver in this scenario.
+    ASSERT_EQ(i2c_read(fd, 0x55, 0x00, serial, 4), 0);
+    EXPECT_EQ(serial[0] | serial[1] << 8 | serial[2] << 16 | static_cast<uint32_t>(serial[3]) << 24,
+              41000123u);
+    uint8_t counter = 9;
+    ASSERT_EQ(i2c_write(fd, 0x55, 0x06, &counter, 1), 0);
+    auto requests = s.sys->requests();
+    ASSERT_EQ(requests.size(), 2u);
+    for (const auto& r : requests) {
+        EXPECT_EQ(r.first, 1798ul);
+        EXPECT_EQ(r.second, 0x55u);
+    }
+    i2c_close(fd);
 }
 
 TEST(I2CPlainFunctions, ReadWriteOnDescriptor) {

@@ -1,6 +1,7 @@
 // The real kov_diagnostic binary: the host checks in its report, with the
 // stand-ins of an Orin-class machine and on the plain machine, and the
 // command-line model maintenance.
+#include "LoopbackHttpServer.h"
 #include "StandinTestSupport.h"
 
 #include <QCoreApplication>
@@ -127,6 +128,32 @@ TEST(HostChecksEndToEnd, OrinWithTheRightVersions) {
     const QJsonObject models = r.report.value("AI Models").toObject();
     EXPECT_EQ(texts(models, "info").size() + texts(models, "valid").size(), 14u);
     EXPECT_NE(r.out.find("Running Graphics Card Diagnostic : "), std::string::npos);
+}
+
+TEST(HostChecksEndToEnd, CommandLinePrintsTheMakersMessages) {
+    OrinMachine m;
+    testsupport::LoopbackHttpServer server;
+    server.setBody(
+        R"({"latest":{"version":{"webpage":"https://example.test/release","major":4,"minor":1,"patch":3,)"
+        R"("message":"Release notes"}},"messages":[)"
+        R"({"version":"*","text":"Maintenance tonight","title":"Notice","type":"warning","webpage":"https://example.test/m"},)"
+        R"({"version":"4.1.2","text":"Broken <b>build</b>","title":"Stop","type":"error","webpage":""},)"
+        R"({"version":"4.0.0","text":"Old version","title":"Other","type":"info","webpage":""}]})");
+    m.env.insert("KOV_UPDATE_MANIFEST_HOST", QString::fromStdString(server.host()));
+    const ToolRun r = runTool({"-c"}, m.env, m.cwd());
+    EXPECT_EQ(r.exitCode, 0) << r.out;
+    // Each message for this version is printed at its level; the release
+    // announcement is not (the node asks without it), and nothing waits.
+    EXPECT_NE(r.out.find("[WARNING] Notice : Maintenance tonight (https://example.test/m)"),
+              std::string::npos)
+        << r.out;
+    EXPECT_NE(r.out.find("[ERROR] Stop : Broken build"), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.find("Old version"), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.find("Release notes"), std::string::npos) << r.out;
+    // The newer release still reaches the report.
+    const QJsonObject sdk = r.report.value("KOV SDK").toObject();
+    EXPECT_TRUE(anyContains(texts(sdk, "warning"), "https://example.test/release")) << r.out;
+    EXPECT_FALSE(m.root.exists("/usr/local/kov/settings/.updates.bin"));
 }
 
 TEST(HostChecksEndToEnd, PlainMachine) {

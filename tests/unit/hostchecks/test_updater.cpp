@@ -2,6 +2,9 @@
 #include "support/SiteConfig.h"
 #include "support/Updater.h"
 
+#include "diagnostic/CommandLine.h"
+#include "tests/unit/common/LogCapture.h"
+
 #include "LoopbackHttpServer.h"
 #include "StandinTestSupport.h"
 
@@ -71,12 +74,45 @@ TEST_F(UpdaterTest, NewerVersionsGiveTheWebPage) {
     }
 }
 
-TEST_F(UpdaterTest, SilentCheckShowsNoDialogButStillTells) {
+TEST_F(UpdaterTest, ArgumentTrueSkipsOnlyTheReleaseDialog) {
     server.setBody(manifest(4, 1, 3, "Release notes",
                             R"([{"version":"*","text":"For all","title":"T","type":"info","webpage":""}])"));
     EXPECT_EQ(CheckSDKUpdateOnline(true), "https://example.test/release");
-    EXPECT_TRUE(presenter.shown.empty());
+    // No release box, but the message for all versions is shown.
+    ASSERT_EQ(presenter.shown.size(), 1u);
+    EXPECT_EQ(presenter.shown[0].title, "T");
+    EXPECT_EQ(presenter.shown[0].text, "For all");
+    EXPECT_EQ(presenter.shown[0].icon, UpdateDialog::Information);
+    EXPECT_FALSE(presenter.shown[0].moreButton);
     EXPECT_FALSE(root.exists("/usr/local/kov/settings/.updates.bin"));
+}
+
+TEST_F(UpdaterTest, ArgumentTrueShowsMessagesForThisVersionAndKeepsTheHiddenList) {
+    root.writeFile("/usr/local/kov/settings/.updates.bin", messageDigest("Seen before") + "\n");
+    server.setBody(manifest(
+        4, 1, 2, "",
+        R"([{"version":"4.1.2","text":"Mine","title":"For 4.1.2","type":"warning","webpage":"https://example.test/m"},
+            {"version":"4.1.3","text":"Not mine","title":"Other","type":"info"},
+            {"version":"*","text":"Seen before","title":"Old","type":"error"},
+            {"version":"*","text":"Everyone","title":"All","type":"error"}])"));
+    presenter.hide = true;
+    EXPECT_EQ(CheckSDKUpdateOnline(true), "");
+    ASSERT_EQ(presenter.shown.size(), 2u);
+    EXPECT_EQ(presenter.shown[0].title, "For 4.1.2");
+    EXPECT_EQ(presenter.shown[0].icon, UpdateDialog::Warning);
+    EXPECT_TRUE(presenter.shown[0].moreButton);
+    EXPECT_EQ(presenter.shown[0].webpage, "https://example.test/m");
+    EXPECT_EQ(presenter.shown[1].title, "All");
+    EXPECT_EQ(presenter.shown[1].icon, UpdateDialog::Critical);
+    // "Hide" ticked on both: they join the list, after the one already there.
+    // The hexadecimal MD5 digests of "Seen before", "Mine" and "Everyone".
+    EXPECT_EQ(root.readFile("/usr/local/kov/settings/.updates.bin"),
+              "1d7da3e171e111753515103c1bddea8d\n"
+              "fedc0e3f18d0ff5df1579ad5ce33ba5d\n"
+              "f9ae5e5c44e59f94680af569879f704a\n");
+    presenter.shown.clear();
+    CheckSDKUpdateOnline(true);
+    EXPECT_TRUE(presenter.shown.empty());
 }
 
 TEST_F(UpdaterTest, ReleaseDialog) {
@@ -200,6 +236,35 @@ TEST_F(UpdaterTest, CheckRunsOnAWorkerThreadToo) {
     std::thread worker([&] { result = CheckSDKUpdateOnline(true); });
     worker.join();
     EXPECT_EQ(result, "https://example.test/release");
+}
+
+TEST_F(UpdaterTest, CommandLinePrintsEachMessageAtItsLevel) {
+    testlog::LogCapture log(bh::LOGGER_NAME::SDK);
+    setUpdateDialogPresenter(&printUpdateMessage);
+    root.writeFile("/usr/local/kov/settings/.updates.bin", messageDigest("Hidden one") + "\n");
+    server.setBody(manifest(
+        4, 1, 3, "Release notes",
+        R"([{"version":"*","text":"Driver <b>36.3</b> needed","title":"Heads up","type":"warning","webpage":"https://example.test/w"},
+            {"version":"4.1.2","text":"Broken build","title":"Stop","type":"error","webpage":""},
+            {"version":"*","text":"New forum","title":"News","type":"info"},
+            {"version":"*","text":"Survey","title":"Ask","type":"question"},
+            {"version":"*","text":"Hidden one","title":"Gone","type":"info"}])"));
+    // The call of the "KOV SDK" node: no release box, every message printed.
+    EXPECT_EQ(CheckSDKUpdateOnline(true), "https://example.test/release");
+    EXPECT_TRUE(log.has("Heads up : Driver 36.3 needed (https://example.test/w)", spdlog::level::warn));
+    EXPECT_TRUE(log.has("Stop : Broken build", spdlog::level::err));
+    EXPECT_TRUE(log.has("News : New forum", spdlog::level::info));
+    EXPECT_TRUE(log.has("Ask : Survey", spdlog::level::info));
+    EXPECT_FALSE(log.contains("Release notes"));
+    EXPECT_FALSE(log.contains("Hidden one"));
+    // Nothing is waited for, so nothing joins the hidden list.
+    EXPECT_EQ(root.readFile("/usr/local/kov/settings/.updates.bin"), messageDigest("Hidden one") + "\n");
+    // A text holding format characters is printed as it is.
+    log.clear();
+    server.setBody(
+        manifest(4, 1, 2, "", R"([{"version":"*","text":"100% {} done %s","title":"T","type":"info"}])"));
+    CheckSDKUpdateOnline(true);
+    EXPECT_TRUE(log.has("T : 100% {} done %s", spdlog::level::info));
 }
 
 TEST(UpdateVersion, NewerThanRunning) {

@@ -72,6 +72,10 @@ TEST(ScenarioParser, BadScenariosNameFileAndField) {
         {"{\"devices\": [{\"type\": \"i2c_bus\", \"bus\": 30, \"chips\": [{\"type\": \"flux\", \"address\": "
          "80}]}]}",
          "devices[0].chips[0].type", "unknown chip type"},
+        {"{\"devices\": [{\"type\": \"i2c_bus\", \"bus\": 30, \"claimed\": [\"0x55\", \"0x99\"]}]}",
+         "devices[0].claimed[1]", "out of range"},
+        {"{\"devices\": [{\"type\": \"i2c_bus\", \"bus\": 30, \"claimed\": \"0x55\"}]}", "devices[0].claimed",
+         "array"},
         {"{\"usb\": {\"init_error\": 5}}", "usb.init_error", "out of range"},
     };
     for (const BadCase& c : cases) {

@@ -1,8 +1,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/i2c-dev.h>
+#include <linux/i2c.h>
 #include <linux/videodev2.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "platform/Platform.h"
@@ -130,7 +132,11 @@ TEST(VirtualI2c, EepromAnswersAndEmptyAddressesFail) {
     platform::Sys& sys = platform::sys();
     int fd = sys.open("/dev/i2c-30", O_RDWR);
     ASSERT_GE(fd, 0);
-    ASSERT_EQ(sys.ioctlValue(fd, I2C_SLAVE, 0x55), 0);
+    // 0x55 is held by the camera driver: only the forced request selects it.
+    errno = 0;
+    EXPECT_EQ(sys.ioctlValue(fd, I2C_SLAVE, 0x55), -1);
+    EXPECT_EQ(errno, EBUSY);
+    ASSERT_EQ(sys.ioctlValue(fd, I2C_SLAVE_FORCE, 0x55), 0);
     uint8_t reg = 4;
     ASSERT_EQ(sys.write(fd, &reg, 1), 1);
     uint8_t two[2];
@@ -143,6 +149,45 @@ TEST(VirtualI2c, EepromAnswersAndEmptyAddressesFail) {
     EXPECT_EQ(sys.ioctlValue(fd, I2C_SLAVE, 0x400), -1);
     sys.close(fd);
     EXPECT_EQ(sys.open("/dev/i2c-5", O_RDWR), -1);
+}
+
+TEST(VirtualI2c, ClaimedAddressRefusesOnlyThePlainRequest) {
+    auto m = load("gmsl_eeprom_bus30");
+    platform::ScopedBackend b(sim::makeBackend(m));
+    platform::Sys& sys = platform::sys();
+    int fd = sys.open("/dev/i2c-30", O_RDWR);
+    ASSERT_GE(fd, 0);
+    // The request numbers as the kernel defines them: 1795 plain, 1798 forced.
+    for (int address : {0x1a, 0x40, 0x55}) {
+        errno = 0;
+        EXPECT_EQ(sys.ioctlValue(fd, 1795, static_cast<unsigned long>(address)), -1) << address;
+        EXPECT_EQ(errno, EBUSY) << address;
+        EXPECT_EQ(sys.ioctlValue(fd, 1798, static_cast<unsigned long>(address)), 0) << address;
+    }
+    // A refused plain request leaves the earlier selection in place.
+    ASSERT_EQ(sys.ioctlValue(fd, 1798, 0x55), 0);
+    EXPECT_EQ(sys.ioctlValue(fd, 1795, 0x40), -1);
+    uint8_t reg = 0;
+    ASSERT_EQ(sys.write(fd, &reg, 1), 1);
+    uint8_t serial[4] = {};
+    ASSERT_EQ(sys.read(fd, serial, 4), 4);
+    EXPECT_EQ(serial[0] | serial[1] << 8 | serial[2] << 16 | static_cast<uint32_t>(serial[3]) << 24,
+              41000123u);
+    // Unclaimed addresses take the plain request; the claim does not touch I2C_RDWR.
+    EXPECT_EQ(sys.ioctlValue(fd, 1795, 0x57), 0);
+    uint8_t id[2] = {};
+    uint8_t at = 4;
+    i2c_msg msgs[2] = {{0x55, 0, 1, &at}, {0x55, I2C_M_RD, 2, id}};
+    i2c_rdwr_ioctl_data rdwr{msgs, 2};
+    EXPECT_EQ(sys.ioctl(fd, I2C_RDWR, &rdwr), 2);
+    EXPECT_EQ(id[0], 0x11);
+    EXPECT_EQ(id[1], 2);
+    sys.close(fd);
+    // Bus 31 claims nothing.
+    fd = sys.open("/dev/i2c-31", O_RDWR);
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(sys.ioctlValue(fd, 1795, 0x55), 0);
+    sys.close(fd);
 }
 
 TEST(VirtualI2c, PageWriteWrapsWithinPage) {
