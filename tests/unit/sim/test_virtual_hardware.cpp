@@ -104,8 +104,9 @@ TEST(VirtualVideo, QuerycapEnumFmtAndSysfs) {
     fmt.index = 1;
     EXPECT_EQ(sys.ioctl(fd, VIDIOC_ENUM_FMT, &fmt), -1);
     EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(sys.ioctl(fd, VIDIOC_STREAMON, &fmt), -1);  // streaming is a later model's
-    EXPECT_EQ(errno, ENOTTY);
+    int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
+    EXPECT_EQ(sys.ioctl(fd, VIDIOC_STREAMON, &type), -1);  // no format set, no buffers: no stream rights
+    EXPECT_EQ(errno, EBUSY);
     EXPECT_EQ(sys.close(fd), 0);
     EXPECT_EQ(sys.open("/dev/video1", O_RDWR), -1);
     EXPECT_EQ(errno, ENOENT);
