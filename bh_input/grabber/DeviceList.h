@@ -42,4 +42,14 @@ BH_DEVICE findDevicePath_linux(int& path_number, int id);
 // The device of one V4L2 node ("/dev/videoN"), from its sysfs modalias.
 BH_DEVICE getDeviceModelfromPath(std::string path);
 
+// The cameras that can be used now: each USB camera is opened for a moment to
+// read its serial number (a camera held by another program drops out, and
+// comes back as a ghost record with id -1 when its MCU is seen), then the GMSL
+// cameras of the discovery. Serialised between threads and, for the USB walk,
+// between processes by the lock file /tmp/.kov_enum_lock. The argument goes
+// to the GMSL discovery only.
+std::vector<DeviceProperties> getGrabberList(bool gmslArgument = false);
+// The GMSL discovery's lister of camera records (none until it registers).
+void setGMSLCameraLister(std::function<std::vector<DeviceProperties>(bool)> lister);
+
 }  // namespace bh

@@ -3,14 +3,19 @@
 #include <map>
 #include <mutex>
 
+#include "bh_input/grabber/linux/USBWrapperGrabber.h"
 #include "bh_input/mcu/KOVmcu.h"
 
 namespace bh {
 
 namespace {
 std::mutex g_factoryMutex;
+// The USB session is part of this library and is the default for USB_INPUT;
+// the GMSL layer registers its own.
 std::map<INPUT_TYPE, WrapperFactory>& factories() {
-    static std::map<INPUT_TYPE, WrapperFactory> f;
+    static std::map<INPUT_TYPE, WrapperFactory> f = {
+        {USB_INPUT, [] { return std::unique_ptr<WrapperGrabber>(new USBWrapperGrabber()); }},
+    };
     return f;
 }
 std::unique_ptr<WrapperGrabber> makeWrapper(INPUT_TYPE type) {

@@ -344,6 +344,10 @@ int UvcCamera::ioctl(Handle* h, unsigned long request, void* arg) {
         case VIDIOC_G_PARM:
         case VIDIOC_S_PARM:
             return ioctlParm(h, request, static_cast<v4l2_streamparm*>(arg));
+        case VIDIOC_QUERYCTRL:
+        case VIDIOC_G_CTRL:
+        case VIDIOC_S_CTRL:
+            return controls_.ioctl(request, arg);
         case VIDIOC_CROPCAP: {
             auto* c = static_cast<v4l2_cropcap*>(arg);
             if (c->type != V4L2_BUF_TYPE_VIDEO_CAPTURE)
@@ -713,6 +717,16 @@ int UvcCamera::fps() const {
 size_t UvcCamera::bufferCount() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return buffers_.size();
+}
+
+int32_t UvcCamera::controlValue(uint32_t id) const {
+    Lock lock(mutex_);
+    return controls_.value(id);
+}
+
+void UvcCamera::setControlValue(uint32_t id, int32_t value) {
+    Lock lock(mutex_);
+    controls_.setValue(id, value);
 }
 
 }  // namespace sim

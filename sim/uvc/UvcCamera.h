@@ -31,6 +31,7 @@
 #include "sim/uvc/CameraFirmware.h"
 #include "sim/uvc/ExtensionUnits.h"
 #include "sim/uvc/FrameGenerator.h"
+#include "sim/uvc/UvcControls.h"
 
 namespace sim {
 
@@ -100,6 +101,10 @@ public:
     size_t bufferCount() const;
     // Takes the device off the bus now.
     void unplug();
+    // An image control's current value (-1 for an unknown control), and a
+    // way for a test to change it as another program would.
+    int32_t controlValue(uint32_t id) const;
+    void setControlValue(uint32_t id, int32_t value);
 
     // The open file's operations (called by its handle).
     struct Handle;
@@ -162,6 +167,7 @@ private:
     uint32_t sequence_ = 0;
     int64_t epoch_ = -1;  // camera time 0: the first STREAMON
     FrameGenerator generator_;
+    UvcControls controls_;
     Counters counters_;
 };
 
