@@ -444,3 +444,25 @@ TEST(LiveCameraGrabberUsb, SilenceOfThreeSecondsIsLostAndCutsTheControlChannelOf
     EXPECT_EQ(rig.camera()->firmware()->gpioValue(sim::CameraFirmware::kLedGpio), 1);
     grabber.close(true);
 }
+
+TEST(LiveCameraGrabberUsb, StreamOfOnlyShortFramesIsLostAfterThreeSeconds) {
+    // Old firmware: no first frame is needed to open. Every frame is short.
+    SimCameraRig rig("\"faults\": {\"short_frames_per_second\": 30}", false, "0xF580");
+    bh::LiveCameraGrabber grabber(bh::USB_INPUT);
+    int id = 0;
+    ASSERT_EQ(grabber.setUp(id, 1344, 376, 30, 4, true, IMU_ODR_200, false), 0);
+    grabber.endSetup(nullptr);
+    const auto start = std::chrono::steady_clock::now();
+    bool sawFrame = false;
+    ASSERT_TRUE(waitFor(
+        [&] {
+            const bh::GRABBER_STATE state = grabber.getFrameStatus();
+            sawFrame = sawFrame || state == bh::GRABBER_STATE_FRAME;
+            return state == bh::GRABBER_STATE_LOST;
+        },
+        8000));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2900));
+    EXPECT_FALSE(sawFrame);
+    EXPECT_GT(rig.camera()->counters().shortFrames, 60u);
+    grabber.close(true);
+}
