@@ -104,6 +104,16 @@ TEST(LinuxInput, CbsCameraOpensStreamingWithLedOnAndClosesWithLedOff) {
     EXPECT_EQ(firmware->gpioValue(sim::CameraFirmware::kLedGpio), 0);
     EXPECT_EQ(session.getGrabber(), nullptr);
     EXPECT_FALSE(cameraOf(scenario.machine())->streaming());
+    // Used after close, the session answers as a closed one and sends nothing.
+    const uint64_t requests = firmware->counters().requests;
+    EXPECT_EQ(session.getPixels(), nullptr);
+    EXPECT_EQ(session.waitForNewFrame(5), 1);
+    EXPECT_EQ(session.getSerialNumber(), 0u);
+    EXPECT_EQ(session.setBrightnessSetting(3, false), -1);
+    EXPECT_EQ(session.ISPExposureSet(0, 100), -1);
+    EXPECT_EQ(session.setLEDStatus(1, false), -1);
+    EXPECT_EQ(session.getSensorTemperature(0), -1);
+    EXPECT_EQ(firmware->counters().requests, requests);
 }
 
 TEST(LinuxInput, CloseWithoutLedOffLeavesTheLedOn) {
@@ -409,6 +419,9 @@ TEST(LiveCameraGrabberUsb, FramesArriveWithTheirInertialPacketAndSettingsRoundTr
     EXPECT_EQ(grabber.setGrabberSettingsValue(bh::GAIN, 50), 0);
     EXPECT_EQ(grabber.getGrabberSettingsValue(bh::GAIN), 50);
     EXPECT_EQ(grabber.setGrabberSettingsValue(bh::AEC_AGC, 1), 0);
+    EXPECT_EQ(grabber.getGrabberSettingsValue(bh::AEC_AGC), 1);
+    // 0 with useDefault does nothing: the camera's control stays on.
+    EXPECT_EQ(grabber.setGrabberSettingsValue(bh::AEC_AGC, 0, true), 0);
     EXPECT_EQ(grabber.getGrabberSettingsValue(bh::AEC_AGC), 1);
     EXPECT_EQ(grabber.setGrabberSettingsValue(bh::LED_STATUS, 0), 0);
     EXPECT_EQ(grabber.getGrabberSettingsValue(bh::LED_STATUS), 0);
