@@ -363,12 +363,19 @@ void LinuxStereoGrabber::thread_producer() {
 
     // Wait up to 2 s for the first frame, in slices so that a stop is seen.
     for (int waited = 0; waited < kFirstFrameWaitMs && !stop.load(); waited += 100) {
-        fd_set readable;
-        FD_ZERO(&readable);
-        FD_SET(fd, &readable);
-        struct timeval tv = {0, 100000};
         const int64_t before = platform::clock().steadyNanoseconds();
-        const int r = platform::sys().select(fd + 1, &readable, nullptr, nullptr, &tv);
+        int r;
+        if (fd < FD_SETSIZE) {
+            fd_set readable;
+            FD_ZERO(&readable);
+            FD_SET(fd, &readable);
+            struct timeval tv = {0, 100000};
+            r = platform::sys().select(fd + 1, &readable, nullptr, nullptr, &tv);
+        } else {
+            // An fd_set cannot hold this descriptor: the same wait with poll.
+            struct pollfd pfd = {fd, POLLIN, 0};
+            r = platform::sys().poll(&pfd, 1, 100);
+        }
         if (r > 0)
             break;
         // An immediate error must not turn this into a spin either.
