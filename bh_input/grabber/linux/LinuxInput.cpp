@@ -1,4 +1,5 @@
 #include "bh_input/grabber/linux/LinuxInput.h"
+#include "bh_input/grabber/linux/ClockWait.h"
 
 #include <chrono>
 #include <cstring>
@@ -14,10 +15,6 @@ namespace {
 
 constexpr const char* kErrorFile = "grabber/linux/linuxStereoGrabber";
 constexpr int kSessionMcuVendor = 0x2B03;
-
-void sleepUs(int64_t us) {
-    platform::clock().sleepFor(std::chrono::microseconds(us));
-}
 
 // The frame rate a session asks for when the caller gives 0, by image height.
 int defaultRateForHeight(int height) {

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstring>
 
+#include "bh_input/grabber/linux/ClockWait.h"
 #include "bh_input/grabber/linux/LinuxInput.h"
 #include "platform/Platform.h"
 
@@ -34,23 +35,39 @@ constexpr uint32_t kGammaCommit[2] = {0x80181510, 0x80181D10};
 constexpr uint32_t kSharpening[2] = {0x80181400, 0x80181C00};
 constexpr uint32_t kRegionOfInterest[2] = {0x801810C0, 0x801818C0};
 
-void sleepUs(int64_t us) {
-    platform::clock().sleepFor(std::chrono::microseconds(us));
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------------------
 // V4L2 controls
 
+namespace {
+
+// VIDIOC_QUERYCTRL of one control; false when the driver does not answer.
+bool queryControl(LinuxStereoGrabber& g, uint32_t controlId, v4l2_queryctrl& query) {
+    std::memset(&query, 0, sizeof query);
+    query.id = controlId;
+    return g.xioctl(g.getFd(), VIDIOC_QUERYCTRL, &query) == 0;
+}
+
+// VIDIOC_G_CTRL (write false) or VIDIOC_S_CTRL (write true) of one control.
+int accessControl(LinuxStereoGrabber& g, uint32_t controlId, int& value, bool write) {
+    v4l2_control control;
+    std::memset(&control, 0, sizeof control);
+    control.id = controlId;
+    control.value = value;
+    const int r = g.xioctl(g.getFd(), write ? VIDIOC_S_CTRL : VIDIOC_G_CTRL, &control);
+    value = control.value;
+    return r;
+}
+
+}  // namespace
+
 int LinuxInput::setCameraControlSettings(uint32_t controlId, int value) {
     if (!grabber)
         return -1;
     v4l2_queryctrl query;
-    std::memset(&query, 0, sizeof query);
-    query.id = controlId;
     int low = 0, high = 6500;
-    if (grabber->xioctl(grabber->getFd(), VIDIOC_QUERYCTRL, &query) == 0) {
+    if (queryControl(*grabber, controlId, query)) {
         low = query.minimum;
         high = query.maximum;
     }
@@ -61,42 +78,24 @@ int LinuxInput::setCameraControlSettings(uint32_t controlId, int value) {
     // A value out of range writes nothing.
     if (value < low || value > high)
         return -1;
-    v4l2_control control;
-    std::memset(&control, 0, sizeof control);
-    control.id = controlId;
-    control.value = value;
-    return grabber->xioctl(grabber->getFd(), VIDIOC_S_CTRL, &control);
+    return accessControl(*grabber, controlId, value, true);
 }
 
 int LinuxInput::getCameraControlSettings(uint32_t controlId) {
-    if (!grabber)
-        return -1;
     v4l2_queryctrl query;
-    std::memset(&query, 0, sizeof query);
-    query.id = controlId;
-    if (grabber->xioctl(grabber->getFd(), VIDIOC_QUERYCTRL, &query) != 0)
+    int value = 0;
+    if (!grabber || !queryControl(*grabber, controlId, query) ||
+        accessControl(*grabber, controlId, value, false) != 0)
         return -1;
-    v4l2_control control;
-    std::memset(&control, 0, sizeof control);
-    control.id = controlId;
-    if (grabber->xioctl(grabber->getFd(), VIDIOC_G_CTRL, &control) != 0)
-        return -1;
-    return control.value;
+    return value;
 }
 
 int LinuxInput::resetCameraControlSettings(uint32_t controlId) {
-    if (!grabber)
-        return -1;
     v4l2_queryctrl query;
-    std::memset(&query, 0, sizeof query);
-    query.id = controlId;
-    if (grabber->xioctl(grabber->getFd(), VIDIOC_QUERYCTRL, &query) != 0)
+    if (!grabber || !queryControl(*grabber, controlId, query))
         return -1;
-    v4l2_control control;
-    std::memset(&control, 0, sizeof control);
-    control.id = controlId;
-    control.value = query.default_value;
-    return grabber->xioctl(grabber->getFd(), VIDIOC_S_CTRL, &control);
+    int value = query.default_value;
+    return accessControl(*grabber, controlId, value, true);
 }
 
 int LinuxInput::setBrightnessSetting(int value, bool useDefault) {

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "bh_input/grabber/linux/ClockWait.h"
 #include "bh_input/grabber/linux/linuxStereoGrabber.h"
 #include "platform/Platform.h"
 #include "support/KLogger.h"
@@ -25,10 +26,6 @@ constexpr int kSensorRegisterWidth = 1;
 
 constexpr uint32_t kFirmwareVersionHigh = 0x8018FFF0;
 constexpr uint32_t kFirmwareVersionLow = 0x8018FFF1;
-
-void sleepUs(int64_t us) {
-    platform::clock().sleepFor(std::chrono::microseconds(us));
-}
 
 // The leading decimal number of `text`, or -1 when it has none.
 int parseDecimal(const char* text) {

@@ -1,4 +1,5 @@
 #include "bh_input/grabber/linux/linuxStereoGrabber.h"
+#include "bh_input/grabber/linux/ClockWait.h"
 
 #include <fcntl.h>
 #include <linux/videodev2.h>
@@ -28,10 +29,6 @@ constexpr int kMaxBuffers = 10;
 constexpr int kFirstFrameWaitMs = 2000;
 constexpr int64_t kMaxSlewUs = 4000;
 constexpr int kMaxIMUSyncTries = 10;
-
-void sleepUs(int64_t us) {
-    platform::clock().sleepFor(std::chrono::microseconds(us));
-}
 
 // A V4L2 record cleared the way the API asks (reserved fields zero).
 template <typename T>

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "bh_input/grabber/linux/ClockWait.h"
 #include "bh_input/grabber/linux/linuxStereoGrabber.h"
 #include "platform/Platform.h"
 #include "support/KLogger.h"
@@ -36,10 +37,6 @@ constexpr uint32_t kIspControl0 = 0x80181002;
 constexpr uint32_t kIspControl1 = 0x80181802;
 constexpr unsigned char kAecAgcBit = 0x10;
 constexpr int kLedGpio = 2;
-
-void sleepUs(int64_t us) {
-    platform::clock().sleepFor(std::chrono::microseconds(us));
-}
 
 // The text a failed UVCIOC_CTRL_QUERY gets in the log.
 const char* queryErrorText(int err) {
@@ -99,6 +96,32 @@ void putBE32(unsigned char* p, uint32_t v) {
 // any other sensor.
 unsigned char cbsSensorCommand(int sensor) {
     return sensor == 0 ? 0xA3 : sensor == 1 ? 0xA5 : 0;
+}
+
+// The CBS register packets: 0x51 reads, 0x50 writes (value at byte 16).
+constexpr unsigned char kCbsRead = 0x51;
+constexpr unsigned char kCbsWrite = 0x50;
+
+void fillCbsSystemPacket(unsigned char* p, unsigned char op, uint32_t address) {
+    p[0] = op;
+    p[1] = 0xA2;
+    p[3] = 0x04;
+    p[4] = 0x01;
+    putBE32(p + 5, address);
+    p[10] = 0x01;
+    p[12] = 0x01;
+}
+
+void fillCbsSensorPacket(unsigned char* p, unsigned char op, unsigned char command, int width,
+                         uint32_t address) {
+    p[0] = op;
+    p[1] = command;
+    p[2] = 0x6C;
+    p[3] = static_cast<unsigned char>(width + 1);
+    p[4] = 0x01;
+    putBE32(p + 5, address);
+    putLE16(p + 9, 0x0190);
+    p[12] = 0x01;
 }
 
 }  // namespace
@@ -351,13 +374,7 @@ int LinuxStereoGrabber::linux_cbs_read_system_register(uint32_t address, unsigne
     if (!cbs || out == nullptr)
         return -1;
     unsigned char p[kCbsBuffer] = {};
-    p[0] = 0x51;
-    p[1] = 0xA2;
-    p[3] = 0x04;
-    p[4] = 0x01;
-    putBE32(p + 5, address);
-    p[10] = 0x01;
-    p[12] = 0x01;
+    fillCbsSystemPacket(p, kCbsRead, address);
     const int r = linux_cbs_VendorControl(p, kCbsBuffer, kModeRead);
     if (r == 0)
         *out = p[kCbsReplyByte];
@@ -368,13 +385,7 @@ int LinuxStereoGrabber::linux_cbs_write_system_register(uint32_t address, unsign
     if (!cbs)
         return -1;
     unsigned char p[kCbsBuffer] = {};
-    p[0] = 0x50;
-    p[1] = 0xA2;
-    p[3] = 0x04;
-    p[4] = 0x01;
-    putBE32(p + 5, address);
-    p[10] = 0x01;
-    p[12] = 0x01;
+    fillCbsSystemPacket(p, kCbsWrite, address);
     p[16] = value;
     return linux_cbs_VendorControl(p, kCbsBuffer, kModeWrite);
 }
@@ -387,14 +398,7 @@ int LinuxStereoGrabber::linux_cbs_read_sensor_register(int sensor, int width, ui
     if (command == 0)
         return -2;
     unsigned char p[kCbsBuffer] = {};
-    p[0] = 0x51;
-    p[1] = command;
-    p[2] = 0x6C;
-    p[3] = static_cast<unsigned char>(width + 1);
-    p[4] = 0x01;
-    putBE32(p + 5, address);
-    putLE16(p + 9, 0x0190);
-    p[12] = 0x01;
+    fillCbsSensorPacket(p, kCbsRead, command, width, address);
     const int r = linux_cbs_VendorControl(p, kCbsBuffer, kModeRead);
     if (r == 0)
         *out = p[kCbsReplyByte];
@@ -409,14 +413,7 @@ int LinuxStereoGrabber::linux_cbs_write_sensor_register(int sensor, int width, u
     if (command == 0)
         return -2;
     unsigned char p[kCbsBuffer] = {};
-    p[0] = 0x50;
-    p[1] = command;
-    p[2] = 0x6C;
-    p[3] = static_cast<unsigned char>(width + 1);
-    p[4] = 0x01;
-    putBE32(p + 5, address);
-    putLE16(p + 9, 0x0190);
-    p[12] = 0x01;
+    fillCbsSensorPacket(p, kCbsWrite, command, width, address);
     p[16] = value;
     return linux_cbs_VendorControl(p, kCbsBuffer, kModeWrite);
 }

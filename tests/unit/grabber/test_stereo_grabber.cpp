@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "FakeV4L2Sys.h"
+#include "StereoGrabberSim.h"
 #include "bh_input/grabber/linux/linuxStereoGrabber.h"
 #include "platform/Platform.h"
 #include "tests/unit/common/LogCapture.h"
@@ -21,16 +22,6 @@ struct FakeNode {
     std::shared_ptr<FakeV4L2Sys> sys = std::make_shared<FakeV4L2Sys>();
     platform::ScopedBackend backend{platform::Backend{sys, nullptr, nullptr, nullptr, nullptr}};
 };
-
-bool waitUntil(const std::function<bool()>& done, int ms = 2000) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
 
 }  // namespace
 
@@ -174,7 +165,7 @@ TEST(StereoGrabberStream, OddDequeuesAreNeverDelivered) {
     node.sys->script({1, bytes, bytes, 0x5A});
     ASSERT_EQ(grabber.construct(FakeV4L2Sys::kPath, 1344, 376, 100, 2), 0);
     ASSERT_TRUE(grabber.startCapture());
-    ASSERT_TRUE(waitUntil([&] { return grabber.getFrameCount() >= 1; }));
+    ASSERT_TRUE(testsupport::waitFor([&] { return grabber.getFrameCount() >= 1; }));
     EXPECT_EQ(node.sys->scriptLeft(), 0u);
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_EQ(grabber.getFrameCount(), 1u);
@@ -195,7 +186,7 @@ TEST(StereoGrabberStream, EveryFrameShortDeliversNothing) {
         node.sys->script({static_cast<uint32_t>(i % 2), bytes - 4, bytes, 9});
     ASSERT_EQ(grabber.construct(FakeV4L2Sys::kPath, 1344, 376, 100, 2), 0);
     ASSERT_TRUE(grabber.startCapture());
-    ASSERT_TRUE(waitUntil([&] { return node.sys->scriptLeft() == 0; }));
+    ASSERT_TRUE(testsupport::waitFor([&] { return node.sys->scriptLeft() == 0; }));
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     EXPECT_EQ(grabber.getFrameCount(), 0u);
     EXPECT_FALSE(grabber.isNewFrame());
@@ -212,7 +203,8 @@ TEST(StereoGrabberStream, FramesFlowWithoutEngineAndNoSyncWarning) {
         node.sys->script({static_cast<uint32_t>(i % 2), bytes, bytes, static_cast<uint8_t>(i)});
     ASSERT_EQ(grabber.construct(FakeV4L2Sys::kPath, 1344, 376, 100, 2), 0);
     ASSERT_TRUE(grabber.startCapture());
-    ASSERT_TRUE(waitUntil([&] { return node.sys->scriptLeft() == 0 && grabber.getFrameCount() >= 1; }));
+    ASSERT_TRUE(
+        testsupport::waitFor([&] { return node.sys->scriptLeft() == 0 && grabber.getFrameCount() >= 1; }));
     EXPECT_EQ(grabber.waitForNewFrame(100), 1);
     grabber.destruct();
     for (const std::string& line : log.lines())
@@ -226,7 +218,7 @@ TEST(StereoGrabberStream, NewFrameMarkIsClearedByGetPixels) {
     node.sys->script({0, bytes, bytes, 1});
     ASSERT_EQ(grabber.construct(FakeV4L2Sys::kPath, 1344, 376, 100, 2), 0);
     ASSERT_TRUE(grabber.startCapture());
-    ASSERT_TRUE(waitUntil([&] { return grabber.isNewFrame(); }));
+    ASSERT_TRUE(testsupport::waitFor([&] { return grabber.isNewFrame(); }));
     EXPECT_NE(grabber.getPixels(), nullptr);
     EXPECT_FALSE(grabber.isNewFrame());
 }
@@ -240,7 +232,7 @@ TEST(StereoGrabberStream, CallerBufferReceivesTheFrames) {
     node.sys->script({0, bytes, bytes, 0x33});
     ASSERT_EQ(grabber.construct(FakeV4L2Sys::kPath, 1344, 376, 100, 2), 0);
     ASSERT_TRUE(grabber.startCapture());
-    ASSERT_TRUE(waitUntil([&] { return grabber.getFrameCount() >= 1; }));
+    ASSERT_TRUE(testsupport::waitFor([&] { return grabber.getFrameCount() >= 1; }));
     EXPECT_EQ(grabber.getPixels(), mine.data());
     grabber.destruct();
     EXPECT_EQ(mine[bytes / 2], 0x33);
