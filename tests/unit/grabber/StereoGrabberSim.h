@@ -41,7 +41,7 @@ struct SimCameraRig {
 };
 
 // Polls `done` in real time every millisecond, up to `ms`.
-inline bool waitFor(const std::function<bool()>& done, int ms = 2000) {
+inline bool waitFor(const std::function<bool()>& done, int ms = 10000) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
     while (!done()) {
         if (std::chrono::steady_clock::now() > deadline)

@@ -30,7 +30,7 @@ RunResult streamForTheBandwidthRun(SimCameraRig& rig) {
     bh::LinuxStereoGrabber grabber(true);
     EXPECT_EQ(grabber.construct("/dev/video0", 2560, 720, kRate, 4), 0);
     EXPECT_TRUE(grabber.startCapture());
-    EXPECT_TRUE(testsupport::waitFor([&] { return grabber.getFrameCount() >= 1; }, 3000));
+    EXPECT_TRUE(testsupport::waitFor([&] { return grabber.getFrameCount() >= 1; }, 10000));
     const auto start = std::chrono::steady_clock::now();
     const uint64_t first = grabber.getFrameCount();
     std::this_thread::sleep_until(start + std::chrono::microseconds(static_cast<long>(kRunSeconds * 1e6)));
