@@ -9,6 +9,7 @@
 #include <mutex>
 #include <thread>
 
+#include "bh_input/grabber/gmsl/ArgusCamera.h"
 #include "platform/Platform.h"
 
 namespace bh {
@@ -87,7 +88,8 @@ std::vector<std::pair<BH_DEVICE, std::string>> getGMSLDevice() {
         std::lock_guard<std::mutex> lock(g_gmslMutex);
         lister = g_gmslLister;
     }
-    return lister ? lister() : std::vector<std::pair<BH_DEVICE, std::string>>{};
+    // The fast I2C-only discovery, unless a test installed its own lister.
+    return lister ? lister() : ArgusCamera::getGMSLDevicesExt(false);
 }
 
 int countOccur(const std::vector<std::pair<BH_DEVICE, std::string>>& list, BH_DEVICE device) {

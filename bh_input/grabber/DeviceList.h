@@ -21,8 +21,8 @@ BH_DEVICE deviceFromUsbIds(int vendor, int product);
 // Known devices on USB, in libusb's order, with their address in decimal.
 std::vector<std::pair<BH_DEVICE, std::string>> getUSBDevice();
 
-// The GMSL cameras found by the I2C sweep. Forwards to the lister installed
-// by the GMSL discovery (empty until one is installed).
+// The GMSL cameras found by the I2C sweep: ArgusCamera::getGMSLDevicesExt(false),
+// or the lister a test installed in its place (null restores the discovery).
 std::vector<std::pair<BH_DEVICE, std::string>> getGMSLDevice();
 void setGMSLDeviceLister(std::function<std::vector<std::pair<BH_DEVICE, std::string>>()> lister);
 
@@ -47,9 +47,10 @@ BH_DEVICE getDeviceModelfromPath(std::string path);
 // comes back as a ghost record with id -1 when its MCU is seen), then the GMSL
 // cameras of the discovery. Serialised between threads and, for the USB walk,
 // between processes by the lock file /tmp/.kov_enum_lock. The argument goes
-// to the GMSL discovery only.
+// to the GMSL discovery only, as its verbose flag
+// (ArgusCamera::getGMSLDevices(gmslArgument, false)).
 std::vector<DeviceProperties> getGrabberList(bool gmslArgument = false);
-// The GMSL discovery's lister of camera records (none until it registers).
+// Replaces the GMSL discovery of getGrabberList (tests); null restores it.
 void setGMSLCameraLister(std::function<std::vector<DeviceProperties>(bool)> lister);
 
 }  // namespace bh

@@ -6,6 +6,7 @@
 
 #include "bh_input/grabber/DeviceList.h"
 #include "bh_input/grabber/FileLocker.h"
+#include "bh_input/grabber/gmsl/ArgusCamera.h"
 #include "bh_input/grabber/linux/USBWrapperGrabber.h"
 #include "platform/Platform.h"
 #include "utils/SysPath.h"
@@ -117,11 +118,13 @@ std::vector<DeviceProperties> getGrabberList(bool gmslArgument) {
         std::lock_guard<std::mutex> lock(g_gmslListerMutex);
         gmsl = g_gmslCameraLister;
     }
-    if (gmsl) {
-        for (DeviceProperties record : gmsl(gmslArgument)) {
-            record.input_type = GMSL_INPUT;
-            list.push_back(record);
-        }
+    // The argument is the discovery's verbose flag: every caller passes false
+    // for its second flag.
+    const std::vector<DeviceProperties> cameras =
+        gmsl ? gmsl(gmslArgument) : ArgusCamera::getGMSLDevices(gmslArgument, false);
+    for (DeviceProperties record : cameras) {
+        record.input_type = GMSL_INPUT;
+        list.push_back(record);
     }
     return list;
 }

@@ -193,14 +193,27 @@ TEST(DeviceList, GrabberStateOfPresentCamera) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1500));
 }
 
-TEST(DeviceList, GmslListerIsEmptyUntilInstalled) {
-    EXPECT_TRUE(getGMSLDevice().empty());
-    setGMSLDeviceLister([] {
-        return std::vector<std::pair<BH_DEVICE, std::string>>{{BH_DEVICE_KOV_QG_ALPHA, "/dev/i2c-30"}};
-    });
+TEST(DeviceList, GmslListerDefaultsToTheFastDiscovery) {
+    ScopedScenario s("gmsl_eeprom_bus30");
+    // The discovery's own answer: the EEPROM of bus 30 (sub-model 2).
     auto list = getGMSLDevice();
     ASSERT_EQ(list.size(), 1u);
+    EXPECT_EQ(list[0].first, BH_DEVICE_KOV_QG_ALPHA);
     EXPECT_EQ(list[0].second, "/dev/i2c-30");
+    // A lister installed in its place answers instead, until it is removed.
+    setGMSLDeviceLister([] {
+        return std::vector<std::pair<BH_DEVICE, std::string>>{{BH_DEVICE_KOV_QS_A, "/dev/i2c-31"}};
+    });
+    list = getGMSLDevice();
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_EQ(list[0].second, "/dev/i2c-31");
     setGMSLDeviceLister(nullptr);
+    list = getGMSLDevice();
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_EQ(list[0].second, "/dev/i2c-30");
+}
+
+TEST(DeviceList, GmslListIsEmptyWithoutGmslBuses) {
+    ScopedScenario s("no_camera");
     EXPECT_TRUE(getGMSLDevice().empty());
 }

@@ -1,0 +1,151 @@
+// Scenario types of the GMSL cameras: "gmsl_camera" (the identification
+// EEPROM on an I2C bus and the camera's sensors in the simulated Argus) and
+// "argus" (faults of the camera service itself).
+#include <QJsonArray>
+#include <QJsonValue>
+
+#include "sim/Builtins.h"
+#include "sim/Registry.h"
+#include "sim/argus/SimArgus.h"
+
+namespace sim {
+
+namespace {
+
+// What a sensor of each sub-model reports, chosen so that the discovery's
+// filters keep it: the legacy board (1) has the old driver's module id.
+struct SensorDefaults {
+    int sensors;
+    const char* modelName;
+    const char* moduleString;
+    const char* moduleIdPrefix;
+};
+
+SensorDefaults defaultsOf(int subModel) {
+    switch (subModel) {
+        case 1:
+            return {2, "kovq_ar0234", "kovq_ar0234_legacy", "KOV_CAM_"};
+        case 2:
+        case 3:
+        case 4:
+            return {2, "kovq_ar0234", "kovq_ar0234", "KOVQ_CAM_"};
+        case 30:
+        case 31:
+            return {1, "kovqs_ar0234", "kovq_ar0234", "KOVQS_CAM_"};
+        default:
+            return {0, "", "", ""};
+    }
+}
+
+std::vector<ArgusSensorModeConfig> defaultModes() {
+    return {{1920, 1200, {15, 30, 60}}, {1920, 1080, {15, 30, 60}}, {1280, 720, {15, 30, 60, 120}}};
+}
+
+std::vector<ArgusSensorModeConfig> readModes(const Entry& e) {
+    std::vector<ArgusSensorModeConfig> modes;
+    for (const Entry& m : e.objects("modes")) {
+        m.allowOnly({"comment", "width", "height", "fps"});
+        ArgusSensorModeConfig mode;
+        mode.width = static_cast<uint32_t>(m.integer("width", 1, 16384));
+        mode.height = static_cast<uint32_t>(m.integer("height", 1, 16384));
+        const QJsonValue fps = m.json().value("fps");
+        if (!fps.isArray() || fps.toArray().isEmpty())
+            m.fail("fps", "expected a non-empty array of frame rates, e.g. [15, 30, 60]");
+        for (const QJsonValue& v : fps.toArray()) {
+            if (!v.isDouble() || v.toDouble() <= 0 || v.toDouble() > 1000)
+                m.fail("fps", "each frame rate must be a number above 0 and at most 1000");
+            mode.fps.push_back(v.toDouble());
+        }
+        modes.push_back(mode);
+    }
+    return modes;
+}
+
+std::string readModuleId(const Entry& e, const std::string& fallback) {
+    std::string id = e.string("module_id", fallback);
+    if (id.size() > 31)
+        e.fail("module_id", "at most 31 characters (the id is read into 32 bytes)");
+    return id;
+}
+
+void addGmslCamera(const Entry& e, Machine& m) {
+    e.allowOnly({"type", "comment", "bus", "address", "serial", "version", "sub_model", "counter", "claimed",
+                 "in_use", "modes", "sensors"});
+    const int number = static_cast<int>(e.integer("bus", 0, 255));
+    const int address = static_cast<int>(e.integer("address", 0x55, 0x03, 0x77));
+    if (address != 0x55 && address != 0x57)
+        e.fail("address", "a camera EEPROM answers at 0x55 or 0x57");
+    const int subModel = static_cast<int>(e.integer("sub_model", 0, 255));
+    auto eeprom = makeCameraEeprom(static_cast<uint32_t>(e.integer("serial", 0, 0xFFFFFFFFLL)),
+                                   static_cast<uint8_t>(e.integer("version", 0x11, 0, 255)),
+                                   static_cast<uint8_t>(subModel),
+                                   static_cast<uint8_t>(e.integer("counter", 1, 0, 255)));
+
+    auto bus = m.i2cBus(number);
+    if (bus->chip(static_cast<uint16_t>(address)))
+        e.fail("address", "bus " + std::to_string(number) + " has a chip at this address already");
+    bus->attach(static_cast<uint16_t>(address), eeprom);
+    // The camera driver's sensor, serializer and EEPROM, as a Jetson holds them.
+    std::vector<int64_t> claimed = {0x1a, 0x40, address};
+    if (e.has("claimed"))
+        claimed = e.integers("claimed", 0x03, 0x77);
+    for (int64_t a : claimed)
+        bus->claim(static_cast<uint16_t>(a));
+
+    const SensorDefaults d = defaultsOf(subModel);
+    const bool inUse = e.boolean("in_use", false);
+    std::vector<ArgusSensorModeConfig> modes = e.has("modes") ? readModes(e) : defaultModes();
+    auto argus = SimArgus::of(m);
+    auto makeSensor = [&](int index) {
+        ArgusSensorConfig s;
+        s.modelName = d.modelName;
+        s.moduleString = d.moduleString;
+        s.moduleId = std::string(d.moduleIdPrefix) + std::to_string(index);
+        s.modes = modes;
+        s.inUse = inUse;
+        s.bus = number;
+        return s;
+    };
+    if (e.has("sensors")) {
+        int index = 0;
+        for (const Entry& se : e.objects("sensors")) {
+            se.allowOnly({"comment", "model_name", "module_string", "module_id", "modes", "in_use"});
+            ArgusSensorConfig s = makeSensor(index++);
+            s.modelName = se.string("model_name", s.modelName);
+            s.moduleString = se.string("module_string", s.moduleString);
+            s.moduleId = readModuleId(se, s.moduleId);
+            if (se.has("modes"))
+                s.modes = readModes(se);
+            s.inUse = se.boolean("in_use", s.inUse);
+            argus->addSensor(s);
+        }
+    } else {
+        for (int i = 0; i < d.sensors; ++i)
+            argus->addSensor(makeSensor(i));
+    }
+}
+
+void addArgusService(const Entry& e, Machine& m) {
+    e.allowOnly({"type", "comment", "faults"});
+    auto argus = SimArgus::of(m);
+    const QJsonValue faults = e.json().value("faults");
+    if (faults.isUndefined())
+        return;
+    if (!faults.isArray())
+        e.fail("faults", "expected an array of fault names, e.g. [\"provider_unavailable\"]");
+    for (const QJsonValue& f : faults.toArray()) {
+        if (f.toString() != "provider_unavailable")
+            e.fail("faults",
+                   "unknown fault \"" + f.toString().toStdString() + "\" (known: provider_unavailable)");
+        argus->setProviderUnavailable(true);
+    }
+}
+
+}  // namespace
+
+}  // namespace sim
+
+KOV_SIM_REGISTER(GmslArgus) {
+    sim::registerDeviceType("gmsl_camera", sim::addGmslCamera);
+    sim::registerDeviceType("argus", sim::addArgusService);
+}
