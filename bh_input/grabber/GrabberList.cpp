@@ -35,7 +35,7 @@ DeviceProperties probeUsbCamera(int index) {
     int result = -1;
     for (int attempt = 0; attempt < kSetUpTries && result != 0; ++attempt) {
         result = session.setUp(id, static_cast<int>(2 * hd720.width), static_cast<int>(hd720.height), 15, 2,
-                               true, IMU_ODR_200, false);
+                               true, IMU_ODR_400, false);
         if (result != 0) {
             session.close(true);
             platform::clock().sleepFor(std::chrono::milliseconds(10));

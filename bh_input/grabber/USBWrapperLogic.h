@@ -96,25 +96,9 @@ public:
             case LED_STATUS:
                 value = Session::getLEDStatus();
                 break;
-            case BRIGHTNESS:
-                value = Session::getBrightnessSetting();
-                break;
-            case CONTRAST:
-                value = Session::getContrastSetting();
-                break;
-            case HUE:
-                value = Session::getHueSetting();
-                break;
-            case SATURATION:
-                value = Session::getSaturationSetting();
-                break;
-            case SHARPNESS:
-                value = Session::getSharpnessSetting();
-                break;
-            case WHITEBALANCE_AUTO:
-                value = Session::getWhiteBalanceAutoSetting();
-                break;
             default:
+                // The other settings are read through the session's own
+                // getters; this one-number read answers -1 for them.
                 break;
         }
         last_status = now();

@@ -182,6 +182,24 @@ TEST_F(UsbWrapperLogic, GainAndAecSwitching) {
     EXPECT_EQ(w.getGrabberSettingsValue(static_cast<VIDEO_SETTINGS>(9)), -1);
 }
 
+TEST_F(UsbWrapperLogic, OneNumberReadAnswersMinusOneForPlainImageSettings) {
+    Wrapper w;
+    w.endSetup(nullptr);
+    // The session itself has values for these; the one-number read does not
+    // pass them on.
+    ASSERT_EQ(w.setSharpnessSetting(6, false), 0);
+    ASSERT_EQ(w.getSharpnessSetting(), 6);
+    EXPECT_EQ(w.getGrabberSettingsValue(BRIGHTNESS), -1);
+    EXPECT_EQ(w.getGrabberSettingsValue(CONTRAST), -1);
+    EXPECT_EQ(w.getGrabberSettingsValue(HUE), -1);
+    EXPECT_EQ(w.getGrabberSettingsValue(SATURATION), -1);
+    EXPECT_EQ(w.getGrabberSettingsValue(SHARPNESS), -1);
+    EXPECT_EQ(w.getGrabberSettingsValue(WHITEBALANCE_AUTO), -1);
+    // The settings with a read of their own still answer.
+    EXPECT_EQ(w.getGrabberSettingsValue(LED_STATUS), 1);
+    EXPECT_EQ(w.getGrabberSettingsValue(AEC_AGC), 1);
+}
+
 TEST_F(UsbWrapperLogic, RangesOfTheUsbTable) {
     Wrapper w;
     int lo = 0, hi = 0;
