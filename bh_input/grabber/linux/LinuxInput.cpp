@@ -172,6 +172,9 @@ bool LinuxInput::WaitForNextFrameEvent(int tries) {
 }
 
 int LinuxInput::openMCU(bool record) {
+    // The producer must not join samples of an engine that is going away.
+    if (grabber)
+        grabber->setMCU(nullptr);
     mcu.reset();
     mcu =
         std::make_unique<KOVmcu>(false, static_cast<uint16_t>(kSessionMcuVendor), model, record, "./imu.sid");

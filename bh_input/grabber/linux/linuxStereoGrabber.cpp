@@ -281,6 +281,21 @@ void LinuxStereoGrabber::releaseBuffers() {
 // ---------------------------------------------------------------------------
 // Output side
 
+void LinuxStereoGrabber::setMCU(KOVmcu* engine) {
+    std::lock_guard<std::mutex> lock(frame_mutex);
+    mcu = engine;
+}
+
+void LinuxStereoGrabber::setModel(MODEL m) {
+    std::lock_guard<std::mutex> lock(frame_mutex);
+    model = m;
+}
+
+void LinuxStereoGrabber::setFrameRateWindow(FrameRateWindow* window) {
+    std::lock_guard<std::mutex> lock(frame_mutex);
+    frame_rate_window = window;
+}
+
 void LinuxStereoGrabber::setPtr(unsigned char* ptr) {
     std::lock_guard<std::mutex> lock(frame_mutex);
     owns_output = ptr != nullptr;
@@ -430,12 +445,14 @@ void LinuxStereoGrabber::thread_producer() {
         }
 
         const uint64_t this_frame_ts = static_cast<uint64_t>(start_wall_ns + rel_ns);
+        FrameRateWindow* window = nullptr;
         {
             std::unique_lock<std::mutex> lock(frame_mutex);
             frame_ts = this_frame_ts;
             const MappedBuffer& mapped = buffers[buf.index];
             if (!staging.empty() && frameBytes > 0 && mapped.start != nullptr && mapped.length >= frameBytes)
                 std::memcpy(staging.data(), mapped.start, frameBytes);
+            window = frame_rate_window;
             if (mcu != nullptr && model != 0)
                 joinSensors();
             frame_ready = true;
@@ -454,8 +471,8 @@ void LinuxStereoGrabber::thread_producer() {
         first_frame_seen.store(true, std::memory_order_release);
 
         if (n > 5) {
-            if (frame_rate_window != nullptr)
-                frame_rate_window->push(this_frame_ts);
+            if (window != nullptr)
+                window->push(this_frame_ts);
             if (n > 100)
                 firmwareSanityCheck(static_cast<unsigned long>(n));
         }

@@ -90,10 +90,12 @@ public:
     bool isDisconnected() const { return disconnected.load(std::memory_order_acquire); }
 
     // The sensor engine for the sensor join (not owned) and the camera model.
-    void setMCU(KOVmcu* engine) { mcu = engine; }
-    void setModel(MODEL m) { model = m; }
+    // These three may be set while the producer runs: they take the frame
+    // mutex, under which the producer reads them.
+    void setMCU(KOVmcu* engine);
+    void setModel(MODEL m);
     MODEL getModel() const { return model; }
-    void setFrameRateWindow(FrameRateWindow* window) { frame_rate_window = window; }
+    void setFrameRateWindow(FrameRateWindow* window);
 
     // Frames handed to the output so far, and the last one's records.
     uint64_t getFrameCount();

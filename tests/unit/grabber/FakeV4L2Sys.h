@@ -109,6 +109,12 @@ public:
     // Readable as soon as a dequeue is scripted, as a driver wakes its poller.
     int poll(struct pollfd* fds, nfds_t nfds, int timeout) override {
         std::unique_lock<std::mutex> lock(mutex);
+        // Not streaming: an error at once, as a driver answers.
+        if (!streaming_) {
+            for (nfds_t i = 0; i < nfds; ++i)
+                fds[i].revents = POLLERR;
+            return static_cast<int>(nfds);
+        }
         const bool ready = ready_.wait_for(lock, std::chrono::milliseconds(std::max(timeout, 0)),
                                            [this] { return !dequeues_.empty(); });
         for (nfds_t i = 0; i < nfds; ++i)
@@ -172,7 +178,18 @@ public:
             case VIDIOC_QBUF:
                 queued.push_back(static_cast<v4l2_buffer*>(arg)->index);
                 return 0;
+            case VIDIOC_STREAMON:
+                streaming_ = true;
+                return 0;
+            case VIDIOC_STREAMOFF:
+                streaming_ = false;
+                return 0;
             case VIDIOC_DQBUF: {
+                // A driver hands out nothing before the stream is on.
+                if (!streaming_) {
+                    errno = EINVAL;
+                    return -1;
+                }
                 if (dequeues_.empty()) {
                     errno = EAGAIN;
                     return -1;
@@ -191,7 +208,7 @@ public:
                 return 0;
             }
             default:
-                return 0;  // QUERYCAP, CROPCAP, S_PRIORITY, STREAMON, STREAMOFF
+                return 0;  // QUERYCAP, CROPCAP, S_PRIORITY
         }
     }
 
@@ -199,6 +216,7 @@ public:
 
 private:
     std::condition_variable ready_;
+    bool streaming_ = false;
     std::deque<Dequeue> dequeues_;
     std::map<off_t, std::vector<uint8_t>> memory_;
     uint32_t frameWidth_ = 0, frameHeight_ = 0;
