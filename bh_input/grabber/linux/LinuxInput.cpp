@@ -258,15 +258,10 @@ float LinuxInput::getFPS() {
     if (!grabber)
         return 0.f;
     const uint64_t now = static_cast<uint64_t>(platform::clock().systemNanoseconds());
-    std::unique_lock<std::mutex> lock(frame_rate_window.mutex);
-    const bool empty = frame_rate_window.timestamps.empty();
-    lock.unlock();
-    // The driver's own rate is asked only when the window cannot tell.
-    const float driverRate = empty ? static_cast<float>(grabber->input_get_framerate()) : 0.f;
-    const float measured = frame_rate_window.fps(now, driverRate);
-    if (measured > 0.f || empty)
-        return measured;
-    return frame_rate_window.fps(now, static_cast<float>(grabber->input_get_framerate()));
+    // The window answers the fallback (-1 here) when it cannot tell; only then
+    // is the driver asked, which costs an ioctl.
+    const float measured = frame_rate_window.fps(now, -1.f);
+    return measured >= 0.f ? measured : static_cast<float>(grabber->input_get_framerate());
 }
 
 int LinuxInput::getEffectiveWidth() {

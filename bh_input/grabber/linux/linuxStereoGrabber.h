@@ -15,6 +15,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <initializer_list>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -177,6 +178,8 @@ private:
     // Queue ioctls of the producer under control_mutex.
     int queueBuffer(unsigned index);
     void releaseBuffers();
+    // Sends a CBS write packet made of these first bytes.
+    int sendCbsWrite(std::initializer_list<int> head);
     void waitOnNode(int timeoutMs);
     // Flash records of the serial number and the stored exposure.
     bool writeFlashRecord(uint32_t address, const char marker[2], int value);

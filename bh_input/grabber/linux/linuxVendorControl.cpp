@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <initializer_list>
 #include <mutex>
 
 #include "bh_input/grabber/linux/ClockWait.h"
@@ -418,38 +419,27 @@ int LinuxStereoGrabber::linux_cbs_write_sensor_register(int sensor, int width, u
     return linux_cbs_VendorControl(p, kCbsBuffer, kModeWrite);
 }
 
-int LinuxStereoGrabber::linux_cbs_set_gpio_direction(int gpio, int direction) {
+// A CBS write packet made of its first bytes, the rest zero.
+int LinuxStereoGrabber::sendCbsWrite(std::initializer_list<int> head) {
     if (!cbs)
         return -1;
     unsigned char p[kCbsBuffer] = {};
-    p[0] = 0x50;
-    p[1] = 0x10;
-    p[2] = static_cast<unsigned char>(gpio);
-    p[3] = static_cast<unsigned char>(direction);
+    size_t i = 0;
+    for (int byte : head)
+        p[i++] = static_cast<unsigned char>(byte);
     return linux_cbs_VendorControl(p, kCbsBuffer, kModeWrite);
+}
+
+int LinuxStereoGrabber::linux_cbs_set_gpio_direction(int gpio, int direction) {
+    return sendCbsWrite({0x50, 0x10, gpio, direction});
 }
 
 int LinuxStereoGrabber::linux_cbs_set_gpio_interrupt(int gpio, int enable, int mode) {
-    if (!cbs)
-        return -1;
-    unsigned char p[kCbsBuffer] = {};
-    p[0] = 0x50;
-    p[1] = 0x11;
-    p[2] = static_cast<unsigned char>(enable);
-    p[3] = static_cast<unsigned char>(gpio);
-    p[4] = static_cast<unsigned char>(mode);
-    return linux_cbs_VendorControl(p, kCbsBuffer, kModeWrite);
+    return sendCbsWrite({0x50, 0x11, enable, gpio, mode});
 }
 
 int LinuxStereoGrabber::linux_cbs_set_gpio_value(int gpio, int value) {
-    if (!cbs)
-        return -1;
-    unsigned char p[kCbsBuffer] = {};
-    p[0] = 0x50;
-    p[1] = 0x12;
-    p[2] = static_cast<unsigned char>(gpio);
-    p[3] = static_cast<unsigned char>(value);
-    return linux_cbs_VendorControl(p, kCbsBuffer, kModeWrite);
+    return sendCbsWrite({0x50, 0x12, gpio, value});
 }
 
 int LinuxStereoGrabber::linux_cbs_get_gpio_value(int gpio, unsigned char* out) {

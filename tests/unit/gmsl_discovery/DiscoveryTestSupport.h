@@ -24,13 +24,16 @@
 #include "sim/Builtins.h"
 #include "sim/Simulator.h"
 #include "sim/argus/SimArgus.h"
+#include "tests/unit/common/DeviceRecordExpect.h"
+#include "tests/unit/common/ForwardingSys.h"
+#include "tests/unit/grabber/SimScenario.h"
 
 namespace testsupport {
 
 // A Sys that forwards to another and counts the opens of each path.
-class RecordingSys : public platform::Sys {
+class RecordingSys : public ForwardingSys {
 public:
-    explicit RecordingSys(std::shared_ptr<platform::Sys> inner) : inner_(std::move(inner)) {}
+    using ForwardingSys::ForwardingSys;
     int opens(const std::string& path) const {
         std::lock_guard<std::mutex> lock(mutex_);
         auto it = opens_.find(path);
@@ -41,33 +44,13 @@ public:
             std::lock_guard<std::mutex> lock(mutex_);
             ++opens_[path];
         }
-        return inner_->open(path, flags, mode);
+        return ForwardingSys::open(path, flags, mode);
     }
-    int close(int fd) override { return inner_->close(fd); }
-    ssize_t read(int fd, void* buf, size_t count) override { return inner_->read(fd, buf, count); }
-    ssize_t write(int fd, const void* buf, size_t count) override { return inner_->write(fd, buf, count); }
-    int ioctl(int fd, unsigned long request, void* arg) override { return inner_->ioctl(fd, request, arg); }
-    void* mmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset) override {
-        return inner_->mmap(addr, length, prot, flags, fd, offset);
-    }
-    int munmap(void* addr, size_t length) override { return inner_->munmap(addr, length); }
-    int poll(struct pollfd* fds, nfds_t nfds, int timeout) override {
-        return inner_->poll(fds, nfds, timeout);
-    }
-    int select(int nfds, fd_set* r, fd_set* w, fd_set* e, struct timeval* timeout) override {
-        return inner_->select(nfds, r, w, e, timeout);
-    }
-    int stat(const char* path, struct stat* buf) override { return inner_->stat(path, buf); }
 
 private:
-    std::shared_ptr<platform::Sys> inner_;
     mutable std::mutex mutex_;
     std::map<std::string, int> opens_;
 };
-
-inline std::string scenarioPath(const std::string& name) {
-    return std::string(KOV_SOURCE_DIR) + "/sim/scenarios/" + name + ".json";
-}
 
 inline std::shared_ptr<sim::Machine> machineFrom(const std::string& devices) {
     return sim::parseScenario("{\"devices\": [" + devices + "]}", "gmsl-discovery-test.json");

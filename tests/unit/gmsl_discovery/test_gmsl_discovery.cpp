@@ -119,12 +119,8 @@ TEST_F(DiscoveryTest, StereoCameraIsClaimedAndListedAvailable) {
     Installed m("gmsl_kov_qg_pico_bus30");
     const std::vector<DeviceProperties> list = ArgusCamera::getGMSLDevices(false);
     ASSERT_EQ(list.size(), 1u);
-    EXPECT_EQ(list[0].camera_state, bh::DEVICE_AVAILABLE);
-    EXPECT_EQ(list[0].id, 0);
-    EXPECT_STREQ(list[0].path.c_str(), "/dev/i2c-30");
-    EXPECT_EQ(list[0].camera_model, bh::KOV_QP);
-    EXPECT_EQ(list[0].serial_number, 42000123u);
-    EXPECT_EQ(list[0].input_type, bh::GMSL_INPUT);
+    testsupport::expectRecord(list[0], bh::DEVICE_AVAILABLE, 0, "/dev/i2c-30", bh::KOV_QP, 42000123u,
+                              bh::GMSL_INPUT);
     // Both sensors were claimed by a trial session, destroyed at once.
     EXPECT_EQ(m.argus().createProviderCalls(), 1);
     EXPECT_EQ(m.argus().sessionsCreated(), 2);

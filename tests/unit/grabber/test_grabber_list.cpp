@@ -15,6 +15,7 @@
 #include "SimScenario.h"
 #include "bh_input/grabber/DeviceList.h"
 #include "sim/uvc/UvcCamera.h"
+#include "tests/unit/common/DeviceRecordExpect.h"
 
 using testsupport::ScopedScenario;
 
@@ -35,12 +36,8 @@ TEST(GrabberList, CameraThatOpensIsListedWithItsSerialNumber) {
     ScopedScenario scenario("kov_pico_usb3");
     const std::vector<DeviceProperties> list = bh::getGrabberList(false);
     ASSERT_EQ(list.size(), 1u);
-    EXPECT_EQ(list[0].camera_state, bh::DEVICE_AVAILABLE);
-    EXPECT_EQ(list[0].id, 0);
-    EXPECT_STREQ(list[0].path.c_str(), "/dev/video0");
-    EXPECT_EQ(list[0].camera_model, bh::KOV_P);
-    EXPECT_EQ(list[0].serial_number, 23456789u);
-    EXPECT_EQ(list[0].input_type, bh::USB_INPUT);
+    testsupport::expectRecord(list[0], bh::DEVICE_AVAILABLE, 0, "/dev/video0", bh::KOV_P, 23456789u,
+                              bh::USB_INPUT);
     // The probe closed the camera: its LED is off and it streams no more.
     auto camera = std::dynamic_pointer_cast<sim::UvcCamera>(scenario.machine().videoNode(0));
     EXPECT_FALSE(camera->streaming());
@@ -50,12 +47,7 @@ TEST(GrabberList, HeldCameraWithMcuComesBackAsAGhost) {
     ScopedScenario scenario(machineFrom(kBusyPico));
     const std::vector<DeviceProperties> list = bh::getGrabberList(false);
     ASSERT_EQ(list.size(), 1u);
-    EXPECT_EQ(list[0].camera_state, bh::DEVICE_NOT_AVAILABLE);
-    EXPECT_EQ(list[0].id, -1);
-    EXPECT_TRUE(list[0].path.empty());
-    EXPECT_EQ(list[0].camera_model, bh::KOV_P);
-    EXPECT_EQ(list[0].serial_number, 0u);
-    EXPECT_EQ(list[0].input_type, bh::USB_INPUT);
+    testsupport::expectRecord(list[0], bh::DEVICE_NOT_AVAILABLE, -1, "", bh::KOV_P, 0u, bh::USB_INPUT);
 }
 
 TEST(GrabberList, HeldCameraWithoutMcuDoesNotAppear) {

@@ -9,6 +9,7 @@
 #include "sim/Builtins.h"
 #include "sim/Machine.h"
 #include "sim/Models.h"
+#include "tests/unit/common/ForwardingSys.h"
 
 using testsupport::ScopedScenario;
 
@@ -16,31 +17,16 @@ namespace {
 
 // Passes every call to the simulated Sys and records the ioctl requests with
 // their integer argument, so a test sees the request numbers at the seam.
-class RecordingSys : public platform::Sys {
+class RecordingSys : public testsupport::ForwardingSys {
 public:
-    explicit RecordingSys(std::shared_ptr<platform::Sys> inner) : inner_(std::move(inner)) {}
-    int open(const char* path, int flags, mode_t mode) override { return inner_->open(path, flags, mode); }
-    int close(int fd) override { return inner_->close(fd); }
-    ssize_t read(int fd, void* buf, size_t count) override { return inner_->read(fd, buf, count); }
-    ssize_t write(int fd, const void* buf, size_t count) override { return inner_->write(fd, buf, count); }
+    using ForwardingSys::ForwardingSys;
     int ioctl(int fd, unsigned long request, void* arg) override {
         {
             std::lock_guard<std::mutex> lock(mutex_);
             requests_.emplace_back(request, reinterpret_cast<uintptr_t>(arg));
         }
-        return inner_->ioctl(fd, request, arg);
+        return ForwardingSys::ioctl(fd, request, arg);
     }
-    void* mmap(void* addr, size_t length, int prot, int flags, int fd, off_t offset) override {
-        return inner_->mmap(addr, length, prot, flags, fd, offset);
-    }
-    int munmap(void* addr, size_t length) override { return inner_->munmap(addr, length); }
-    int poll(struct pollfd* fds, nfds_t nfds, int timeout) override {
-        return inner_->poll(fds, nfds, timeout);
-    }
-    int select(int nfds, fd_set* r, fd_set* w, fd_set* e, struct timeval* timeout) override {
-        return inner_->select(nfds, r, w, e, timeout);
-    }
-    int stat(const char* path, struct stat* buf) override { return inner_->stat(path, buf); }
 
     std::vector<std::pair<unsigned long, uintptr_t>> requests() const {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -52,7 +38,6 @@ public:
     }
 
 private:
-    std::shared_ptr<platform::Sys> inner_;
     mutable std::mutex mutex_;
     std::vector<std::pair<unsigned long, uintptr_t>> requests_;
 };

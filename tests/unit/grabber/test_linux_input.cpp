@@ -18,6 +18,7 @@
 #include "bh_input/grabber/linux/LinuxInput.h"
 #include "bh_input/mcu/IMUPacket.h"
 #include "sim/uvc/CameraFirmware.h"
+#include "tests/unit/common/ForwardingSys.h"
 
 using testsupport::ScopedScenario;
 using testsupport::SimCameraRig;
@@ -32,25 +33,12 @@ std::shared_ptr<sim::UvcCamera> cameraOf(sim::Machine& machine) {
 // Passes every call to the simulated Sys, and turns the reply of one CBS
 // system-register read into a wrong value: a register that does not keep
 // what was written.
-class StuckRegisterSys : public platform::Sys {
+class StuckRegisterSys : public testsupport::ForwardingSys {
 public:
     StuckRegisterSys(std::shared_ptr<platform::Sys> inner, uint32_t address)
-        : inner_(std::move(inner)), address_(address) {}
-    int open(const char* p, int f, mode_t m) override { return inner_->open(p, f, m); }
-    int close(int fd) override { return inner_->close(fd); }
-    ssize_t read(int fd, void* b, size_t n) override { return inner_->read(fd, b, n); }
-    ssize_t write(int fd, const void* b, size_t n) override { return inner_->write(fd, b, n); }
-    void* mmap(void* a, size_t l, int p, int f, int fd, off_t o) override {
-        return inner_->mmap(a, l, p, f, fd, o);
-    }
-    int munmap(void* a, size_t l) override { return inner_->munmap(a, l); }
-    int poll(struct pollfd* f, nfds_t n, int t) override { return inner_->poll(f, n, t); }
-    int select(int n, fd_set* r, fd_set* w, fd_set* e, struct timeval* t) override {
-        return inner_->select(n, r, w, e, t);
-    }
-    int stat(const char* p, struct stat* b) override { return inner_->stat(p, b); }
+        : ForwardingSys(std::move(inner)), address_(address) {}
     int ioctl(int fd, unsigned long request, void* arg) override {
-        const int r = inner_->ioctl(fd, request, arg);
+        const int r = ForwardingSys::ioctl(fd, request, arg);
         if (request != UVCIOC_CTRL_QUERY || r != 0)
             return r;
         auto* q = static_cast<uvc_xu_control_query*>(arg);
@@ -71,7 +59,6 @@ public:
     std::atomic<int> corrupted{0};
 
 private:
-    std::shared_ptr<platform::Sys> inner_;
     uint32_t address_;
     bool pending_ = false;
 };
