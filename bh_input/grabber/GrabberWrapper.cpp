@@ -3,18 +3,21 @@
 #include <map>
 #include <mutex>
 
+#include "bh_input/grabber/gmsl/GMSLWrapperGrabber.h"
 #include "bh_input/grabber/linux/USBWrapperGrabber.h"
 #include "bh_input/mcu/KOVmcu.h"
+#include "platform/Clock.h"
 
 namespace bh {
 
 namespace {
 std::mutex g_factoryMutex;
-// The USB session is part of this library and is the default for USB_INPUT;
-// the GMSL layer registers its own.
+// Both sessions are part of this library and are the defaults; tests may
+// register others.
 std::map<INPUT_TYPE, WrapperFactory>& factories() {
     static std::map<INPUT_TYPE, WrapperFactory> f = {
         {USB_INPUT, [] { return std::unique_ptr<WrapperGrabber>(new USBWrapperGrabber()); }},
+        {GMSL_INPUT, [] { return std::unique_ptr<WrapperGrabber>(new GMSLWrapperGrabber()); }},
     };
     return f;
 }
@@ -26,6 +29,20 @@ std::unique_ptr<WrapperGrabber> makeWrapper(INPUT_TYPE type) {
     return it->second();
 }
 }  // namespace
+
+int pollStreamStatus(WrapperGrabber& wrapper, float timeoutMs) {
+    if (timeoutMs <= 0)
+        return 1;
+    platform::Clock& clock = platform::clock();
+    const int64_t start = clock.steadyNanoseconds();
+    for (;;) {
+        if (wrapper.getFrameStatus() == GRABBER_STATE_FRAME)
+            return 0;
+        if (static_cast<float>((clock.steadyNanoseconds() - start) / 1000000) >= timeoutMs)
+            return 1;
+        clock.sleepFor(std::chrono::milliseconds(10));
+    }
+}
 
 void setWrapperFactory(INPUT_TYPE type, WrapperFactory factory) {
     std::lock_guard<std::mutex> lock(g_factoryMutex);

@@ -64,6 +64,11 @@ public:
     virtual int setEnhancedAWBGain() = 0;
 };
 
+// checkStreamStatus of both wrappers: polls getFrameStatus every 10 ms until
+// it yields a frame (0), or until timeoutMs has passed since the call (1); a
+// time-out of 0 or less gives 1 at once.
+int pollStreamStatus(WrapperGrabber& wrapper, float timeoutMs);
+
 using WrapperFactory = std::function<std::unique_ptr<WrapperGrabber>()>;
 // Registers how to build the wrapper of an input type (USB_INPUT or GMSL_INPUT).
 void setWrapperFactory(INPUT_TYPE type, WrapperFactory factory);

@@ -55,18 +55,7 @@ public:
         return result;
     }
 
-    int checkStreamStatus() override {
-        if (timeout_ms <= 0)
-            return 1;
-        const int64_t start = now();
-        for (;;) {
-            if (getFrameStatus() == GRABBER_STATE_FRAME)
-                return 0;
-            if (static_cast<float>((now() - start) / 1000000) >= timeout_ms)
-                return 1;
-            platform::clock().sleepFor(std::chrono::milliseconds(10));
-        }
-    }
+    int checkStreamStatus() override { return pollStreamStatus(*this, timeout_ms); }
 
     int getGrabberSettingsValue(VIDEO_SETTINGS setting) override {
         std::lock_guard<std::mutex> lock(mutex);

@@ -228,7 +228,7 @@ bool ArgusCamera::checkL4TVersionMatchInContainer() {
     return local.find(fields[1]) != std::string::npos;
 }
 
-ArgusCamera::ArgusCamera() {
+void ArgusCamera::joinLink() {
     std::lock_guard<std::recursive_mutex> lock(linkMutex());
     if (argus_camera_count == 0 && !connectToKOVQDaemon())
         std::cout << kConnectWarning << std::endl;
@@ -239,10 +239,6 @@ ArgusCamera::ArgusCamera() {
     }
     ++argus_camera_count;
     holds_link = true;
-}
-
-ArgusCamera::~ArgusCamera() {
-    releaseLink();
 }
 
 void ArgusCamera::releaseLink() {

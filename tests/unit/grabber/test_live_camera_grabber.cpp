@@ -63,6 +63,7 @@ TEST(LiveCameraGrabber, FixedAnswersWithoutSetUp) {
 
 TEST(LiveCameraGrabber, SetUpWithoutRegisteredSessionAnswersNoGrabberSystem) {
     setWrapperFactory(USB_INPUT, nullptr);
+    setWrapperFactory(GMSL_INPUT, nullptr);
     LiveCameraGrabber g(USB_INPUT);
     int id = 0;
     EXPECT_EQ(g.setUp(id), 3);
