@@ -13,7 +13,7 @@ CTEST_FLAGS ?= --output-on-failure
 DEB_PACKAGES := cmake g++ make pkg-config ccache qtbase5-dev \
 	libusb-1.0-0-dev libhidapi-dev libzmq3-dev cppzmq-dev libfmt-dev libspdlog-dev \
 	libbackward-cpp-dev libsimpleini-dev libeigen3-dev libgtest-dev libgmock-dev \
-	libbenchmark-dev libclang-rt-14-dev xvfb fonts-dejavu-core librsvg2-bin
+	libbenchmark-dev libclang-rt-14-dev libegl-dev xvfb fonts-dejavu-core librsvg2-bin
 
 .PHONY: all deps configure build run test unit-test e2e-test asan-test tsan-test bench screenshots clean
 

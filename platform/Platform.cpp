@@ -5,6 +5,9 @@
 #include <thread>
 
 #include "platform/RealBackend.h"
+#ifdef KOV_HAVE_ARGUS
+#include "platform/argus/ArgusAdapter.h"
+#endif
 
 namespace platform {
 
@@ -59,10 +62,20 @@ void ensureInitialised() {
 
 }  // namespace
 
+namespace {
+// NVIDIA's camera service where the adapter is built, else none.
+std::shared_ptr<Argus> realArgus() {
+#ifdef KOV_HAVE_ARGUS
+    return std::make_shared<ArgusAdapter>();
+#else
+    return std::make_shared<NoArgus>();
+#endif
+}
+}  // namespace
+
 Backend realBackend() {
     static const Backend real{std::make_shared<RealSys>(), std::make_shared<RealUsb>(),
-                              std::make_shared<RealHid>(), std::make_shared<NoArgus>(),
-                              std::make_shared<RealClock>()};
+                              std::make_shared<RealHid>(), realArgus(), std::make_shared<RealClock>()};
     return real;
 }
 
