@@ -93,6 +93,7 @@ public:
     }
 
     void setSwap(bool swap) { swap_sides = swap; }
+    void setStatusField(int value) { status = value; }
     void setStop(bool stop) { stop_capture = stop; }
     bool stopped() const { return stop_capture; }
     bool rebootWanted() const { return reboot_wanted; }
