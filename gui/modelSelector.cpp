@@ -168,7 +168,7 @@ void ModelSelector::optimModels(const std::vector<bh::AI_MODELS>& list, const st
     if (!errors.empty()) {
         QString message = "Errors occurred during the optimization process.\n";
         for (const std::string& text : errors)
-            message += " => " + QString::fromStdString(text) + "\n";
+            message += " => " + QString::fromStdString(text);
         emit optim_error(message);
     }
     emit optim_finished();
