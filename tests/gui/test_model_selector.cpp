@@ -85,6 +85,7 @@ private slots:
     void clearAllAfterYesEmptiesThem();
     void failingModelDoesNotStopTheOthers();
     void missingModuleFailsOnlyItsModels();
+    void optimOfAnEmptyListReportsTheEndTwice();
 };
 
 void TestModelSelector::formAndRows() {
@@ -264,6 +265,23 @@ void TestModelSelector::missingModuleFailsOnlyItsModels() {
     QVERIFY(answer.text.contains(QString(ai::modelDisplayText(12)) +
                                  " encountered an issue during the optimization process : 1"));
     QCOMPARE(optimizedRows(selector), QStringList({ai::modelDisplayText(0)}));
+}
+
+// The worker body given no rows signals the end as soon as it sees the empty
+// list, and again when it reaches its last step.
+void TestModelSelector::optimOfAnEmptyListReportsTheEndTwice() {
+    AiRoot root;
+    QVERIFY(root.ok);
+    ModelSelector selector(nullptr);
+    selector.fill();
+    QSignalSpy finished(&selector, &ModelSelector::optim_finished);
+    QSignalSpy errors(&selector, &ModelSelector::optim_error);
+    selector.optim({}, "");
+    QCOMPARE(finished.count(), 2);
+    QCOMPARE(errors.count(), 0);
+    QVERIFY(root.optimizeCalls().isEmpty());
+    QVERIFY(!selector.isRunning());
+    QCOMPARE(selector.rows().size(), size_t(14));
 }
 
 QTEST_MAIN(TestModelSelector)
