@@ -65,9 +65,9 @@ void MainWindow::setUp(bool autoStart, const std::vector<DiagnosticNode*>& nodes
         QPixmap(":/images/BH_white.png").scaled(120, 16, Qt::KeepAspectRatio, Qt::SmoothTransformation));
     ui->headerCloseButton->setIcon(QIcon(":/images/close_bh_pearl.png"));
     ui->headerCloseButton->setIconSize(QSize(18, 18));
-    ui->headerCloseButton->setStyleSheet(
-        "#headerCloseButton{anchors.topMargin: 0;} "
-        "QPushButton{border: none; background: transparent; padding: 0px;}");
+    ui->headerCloseButton->setStyleSheet("#headerCloseButton{anchors.topMargin: 0;}");
+    // Flat: the icon alone shows on the header, with no button frame.
+    ui->headerCloseButton->setFlat(true);
     for (QPushButton* button : {ui->restartButton, ui->helpButton, ui->contactButton, ui->optimButton,
                                 ui->saveButton, ui->closeButton}) {
         button->setStyleSheet(style->sheet_button);

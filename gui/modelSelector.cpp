@@ -145,11 +145,9 @@ void ModelSelector::optimModels(const std::vector<bh::AI_MODELS>& list, const st
     std::fflush(stdout);
     ai::AILoader loader;
     loader.loadLib(ai::AI_LIB_ALL, 0);
-    if (list.empty()) {
-        loader.close();
+    // An empty list reports the end here and once more below: two signals.
+    if (list.empty())
         emit optim_finished();
-        return;
-    }
     std::vector<std::string> errors;
     std::string name = versionName;
     for (bh::AI_MODELS model : list) {
@@ -168,7 +166,7 @@ void ModelSelector::optimModels(const std::vector<bh::AI_MODELS>& list, const st
     if (!errors.empty()) {
         QString message = "Errors occurred during the optimization process.\n";
         for (const std::string& text : errors)
-            message += " => " + QString::fromStdString(text) + "\n";
+            message += " => " + QString::fromStdString(text);
         emit optim_error(message);
     }
     emit optim_finished();

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <spdlog/details/fmt_helper.h>
 #include <spdlog/pattern_formatter.h>
 
 #include <algorithm>
@@ -77,6 +78,20 @@ public:
     }
     std::unique_ptr<custom_flag_formatter> clone() const override {
         return std::make_unique<LevelNameFlag>();
+    }
+};
+
+// %Q : the record's time as whole milliseconds since the epoch, a JSON
+// number, so that the line stays a valid JSON object.
+class EpochMillisecondsFlag : public spdlog::custom_flag_formatter {
+public:
+    void format(const spdlog::details::log_msg& msg, const std::tm&, spdlog::memory_buf_t& dest) override {
+        const long long ms =
+            std::chrono::duration_cast<std::chrono::milliseconds>(msg.time.time_since_epoch()).count();
+        spdlog::details::fmt_helper::append_int(ms, dest);
+    }
+    std::unique_ptr<custom_flag_formatter> clone() const override {
+        return std::make_unique<EpochMillisecondsFlag>();
     }
 };
 
@@ -233,9 +248,11 @@ KLogger::KLogger() {
     try {
         fileHandler_ = std::make_shared<spdlog::sinks::rotating_file_sink_mt>(filePath_, 0x100000, 5, false);
         auto formatter = std::make_unique<spdlog::pattern_formatter>();
-        formatter->add_flag<JsonMessageFlag>('*').add_flag<LevelNameFlag>('~');
+        formatter->add_flag<JsonMessageFlag>('*')
+            .add_flag<LevelNameFlag>('~')
+            .add_flag<EpochMillisecondsFlag>('Q');
         formatter->set_pattern(
-            std::string("{ \"time\": \"%H:%M:%S.%F\", \"name\": \"%n\", \"version\": \"") + kVersion +
+            std::string("{ \"time\": %Q, \"name\": \"%n\", \"version\": \"") + kVersion +
             "\", \"level\": \"%~\", \"pid\": %P, \"thread_name\": %t, \"message\": \"%*\"}");
         fileHandler_->set_formatter(std::move(formatter));
         sinks.push_back(fileHandler_);

@@ -118,7 +118,10 @@ void TestMainWindow::formObjectsAndInitialState() {
     auto* header = child<QLabel>(window, "headerLabel");
     QCOMPARE(header->size(), QSize(120, 16));
     QVERIFY(!header->pixmap(Qt::ReturnByValue).isNull());
-    QCOMPARE(child<QPushButton>(window, "headerCloseButton")->maximumSize(), QSize(18, 18));
+    auto* headerClose = child<QPushButton>(window, "headerCloseButton");
+    QCOMPARE(headerClose->minimumSize(), QSize(18, 18));
+    QCOMPARE(headerClose->maximumSize(), QSize(18, 18));
+    QCOMPARE(headerClose->styleSheet(), QString("#headerCloseButton{anchors.topMargin: 0;}"));
     QCOMPARE(child<QLabel>(window, "statusLabel")->maximumHeight(), 30);
     auto* diagnosticLayout = child<QVBoxLayout>(window, "diagnosticLayout");
     QCOMPARE(diagnosticLayout->spacing(), 16);

@@ -10,6 +10,7 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <string>
 
@@ -183,6 +184,46 @@ TEST(KLogger, ChangeLevelOfOneOrAll) {
         EXPECT_STREQ(e.what(), "LogLevel::Backtrace is only used internally. Please don't use it.");
     }
     l.change_level(LOGGER_LEVEL::INFO, LOGGER_NAME::ALL);
+}
+
+// The file line, field by field: the time is a bare number of milliseconds
+// since the epoch, then name, version, level, pid, thread and message.
+TEST(KLogger, FileLineLayoutWithMillisecondTime) {
+    KLogger& l = logger();
+    l.change_level(LOGGER_LEVEL::INFO, LOGGER_NAME::ALL);
+    ASSERT_TRUE(l.file_error().empty()) << l.file_error();
+    const auto msNow = [] {
+        return static_cast<qint64>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                       std::chrono::system_clock::now().time_since_epoch())
+                                       .count());
+    };
+    const qint64 before = msNow();
+    testing::internal::CaptureStdout();
+    l.get_logger(LOGGER_NAME::SDK_INPUT)->info("layout marker");
+    l.flush();
+    testing::internal::GetCapturedStdout();
+    const qint64 after = msNow();
+
+    QFile f(QString::fromStdString(l.file_path()));
+    ASSERT_TRUE(f.open(QIODevice::ReadOnly));
+    QString found;
+    while (!f.atEnd()) {
+        const QString line = QString::fromUtf8(f.readLine()).trimmed();
+        if (line.contains("\"layout marker\""))
+            found = line;
+    }
+    ASSERT_FALSE(found.isEmpty());
+    QRegExp layout(QString("^\\{ \"time\": (\\d+), \"name\": \"SDK\\.input\", \"version\": \"4\\.1\\.2\", "
+                           "\"level\": \"INFO\", \"pid\": %1, \"thread_name\": \\d+, "
+                           "\"message\": \"layout marker\"\\}$")
+                       .arg(getpid()));
+    ASSERT_TRUE(layout.exactMatch(found)) << found.toStdString();
+    const qint64 time = layout.cap(1).toLongLong();
+    EXPECT_GE(time, before);
+    EXPECT_LE(time, after);
+    const QJsonDocument doc = QJsonDocument::fromJson(found.toUtf8());
+    ASSERT_TRUE(doc.isObject());
+    EXPECT_TRUE(doc.object().value("time").isDouble());
 }
 
 TEST(KLogger, FileLinesAreJsonAndRotateAtOneMebibyte) {
