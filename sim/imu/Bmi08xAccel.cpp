@@ -86,7 +86,9 @@ int16_t Bmi08xAccel::countsOf(double mg, int range) {
 }
 
 void Bmi08xAccel::temperatureBytes(double degC, uint8_t& msb, uint8_t& lsb) {
-    const auto t11 = static_cast<int>(std::clamp(std::lround((degC - 23.0) / 0.125), -1024L, 1023L));
+    // The 11-bit field holds -1024..1023 steps of 0.125 degC from 23 degC.
+    const double steps = std::isfinite(degC) ? std::clamp((degC - 23.0) / 0.125, -1024.0, 1023.0) : 0.0;
+    const auto t11 = static_cast<int>(std::lround(steps));
     const auto bits = static_cast<unsigned>(t11) & 0x7FFu;
     msb = static_cast<uint8_t>(bits >> 3);
     lsb = static_cast<uint8_t>((bits & 0x07u) << 5);
