@@ -4,18 +4,19 @@
 
 // Layout of the objects that the SDK's AI library hands out. The tool calls
 // them only through their tables of virtual operations, so each class below
-// declares its operations in table order; a position is the index of the
-// declaration (the destructor, always second, counts once). Operations the
-// tool never calls are kept as placeholders so that the positions hold.
-// Every operation returns 0 for success.
+// declares its operations in table order. The virtual destructor comes first
+// and fills two entries of the table (the complete-object destructor at 0,
+// the deleting destructor, which `delete` calls, at 1); every later
+// declaration takes the next position. Operations the tool never calls are
+// kept as placeholders so that the positions hold. Every operation returns 0
+// for success.
 
 namespace ai {
 namespace lib {
 
 class InferenceMetadata {
 public:
-    virtual int reserved0() = 0;                         // 0
-    virtual ~InferenceMetadata() = default;              // 1
+    virtual ~InferenceMetadata() = default;              // 0, 1
     virtual int getVersion(int* major, int* minor) = 0;  // 2
     virtual int reserved3() = 0;                         // 3
     virtual int getDeviceKey(int gpuId) = 0;             // 4: names a GPU in a version name
@@ -26,8 +27,7 @@ public:
 // Object detection, by TensorRT API or ONNX.
 class BoxInferenceModule {
 public:
-    virtual int reserved0() = 0;              // 0
-    virtual ~BoxInferenceModule() = default;  // 1
+    virtual ~BoxInferenceModule() = default;  // 0, 1
     virtual int reserved2() = 0;              // 2
     virtual int reserved3() = 0;              // 3
     virtual int reserved4() = 0;              // 4
@@ -42,8 +42,7 @@ public:
 // Networks with a fixed input size: skeleton (PifPaf) and disparity.
 class SizedInferenceModule {
 public:
-    virtual int reserved0() = 0;                // 0
-    virtual ~SizedInferenceModule() = default;  // 1
+    virtual ~SizedInferenceModule() = default;  // 0, 1
     virtual int reserved2() = 0;                // 2
     virtual int reserved3() = 0;                // 3
     virtual int reserved4() = 0;                // 4
@@ -56,8 +55,7 @@ public:
 // People re-identification.
 class ReIDInferenceModule {
 public:
-    virtual int reserved0() = 0;               // 0
-    virtual ~ReIDInferenceModule() = default;  // 1
+    virtual ~ReIDInferenceModule() = default;  // 0, 1
     virtual int reserved2() = 0;               // 2
     virtual int reserved3() = 0;               // 3
     virtual int reserved4() = 0;               // 4
@@ -69,8 +67,7 @@ public:
 // Modules the tool loads but never calls beyond destroying them.
 class InferenceModule {
 public:
-    virtual int reserved0() = 0;           // 0
-    virtual ~InferenceModule() = default;  // 1
+    virtual ~InferenceModule() = default;  // 0, 1
 };
 
 // Entry points, exported with C linkage; each takes no argument and returns a

@@ -694,20 +694,18 @@ IMUPose KOVmcu::getIMUPoseFromAccel(int offset, bool use_image_frame) {
 }
 
 std::vector<IMUPacket> KOVmcu::getIMUPacketBatch(uint64_t start, uint64_t end) {
+    // Every packet of the queue is looked at, from the newest, and taken in
+    // that order: newest first.
     std::vector<IMUPacket> batch;
     std::lock_guard<std::mutex> lock(queue_mutex);
     const size_t size = batch_queue.size();
     for (size_t i = 0; i < size; ++i) {
         const IMUPacket packet = batch_queue.atEnd(i);
-        if (packet.timestamp <= start) {
-            break;  // the queue is in time order: nothing older can be inside
-        }
-        if (packet.timestamp <= end) {
+        if (packet.timestamp > start && packet.timestamp <= end) {
             batch.push_back(packet);
         }
     }
-    // oldest first
-    return std::vector<IMUPacket>(batch.rbegin(), batch.rend());
+    return batch;
 }
 
 void KOVmcu::setPriorOrientation(IMUPacket& packet) {

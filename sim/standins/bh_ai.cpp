@@ -70,7 +70,6 @@ int doOptimize(const char* module, const std::string& base, const std::string& v
 class Metadata : public InferenceMetadata {
 public:
     ~Metadata() override { log("destroy metadata"); }
-    int reserved0() override { return 0; }
     int getVersion(int* major, int* minor) override {
         int v[2] = {2, 8};
         standin::parseVersion(standin::env("KOV_STANDIN_AI_VERSION", "2.8"), v, 2);
@@ -101,7 +100,6 @@ class Box : public BoxInferenceModule {
 public:
     explicit Box(const char* kind) : kind_(kind) {}
     ~Box() override { log(std::string("destroy ") + kind_); }
-    int reserved0() override { return 0; }
     int reserved2() override { return 0; }
     int reserved3() override { return 0; }
     int reserved4() override { return 0; }
@@ -122,7 +120,6 @@ class Sized : public SizedInferenceModule {
 public:
     explicit Sized(const char* kind) : kind_(kind) {}
     ~Sized() override { log(std::string("destroy ") + kind_); }
-    int reserved0() override { return 0; }
     int reserved2() override { return 0; }
     int reserved3() override { return 0; }
     int reserved4() override { return 0; }
@@ -140,7 +137,6 @@ private:
 class ReID : public ReIDInferenceModule {
 public:
     ~ReID() override { log("destroy reid"); }
-    int reserved0() override { return 0; }
     int reserved2() override { return 0; }
     int reserved3() override { return 0; }
     int reserved4() override { return 0; }
@@ -155,7 +151,6 @@ class Plain : public InferenceModule {
 public:
     explicit Plain(const char* kind) : kind_(kind) {}
     ~Plain() override { log(std::string("destroy ") + kind_); }
-    int reserved0() override { return 0; }
 
 private:
     const char* kind_;

@@ -1,6 +1,7 @@
 #include "bh_input/mcu/IMU/IMUHidReader.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstring>
@@ -908,7 +909,6 @@ int IMUHidReader::open(unsigned int serial, bool recover, bool force) {
     handle = nullptr;
     sample_counter = 0;
     reopen_failures = 0;
-    update_calls = 0;
 
     if (is_replay) {
         if (!replay_file)
@@ -1139,9 +1139,12 @@ bool IMUHidReader::updateIMUData(bool long_wait) {
                 return false;
             r = platform::hid().read_timeout(handle, stream_buffer, REPORT_LEN, long_wait ? 1000 : 200);
         }
-        if (++update_calls >= 400 && r > 0) {
+        // One count for the calls of every reader of the process: from the
+        // 400th on, a call that got data pings its MCU and the count restarts.
+        static std::atomic<uint32_t> calls{0};
+        if (++calls >= 400 && r > 0) {
             sendPing();
-            update_calls = 1;
+            calls = 1;
         }
         // Unsigned on purpose: an error (-1) counts as a full read and the
         // previous buffer goes through again.

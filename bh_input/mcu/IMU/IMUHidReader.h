@@ -117,7 +117,6 @@ public:
     uint8_t rx_buffer[65] = {};
     uint8_t stream_buffer[64] = {};  // last report off the interrupt stream
     int32_t reopen_failures = 0;
-    uint32_t update_calls = 0;  // calls of updateIMUData since the last ping
 
     std::mutex device_mutex;
     std::mutex sample_mutex;

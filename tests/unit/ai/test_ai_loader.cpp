@@ -6,6 +6,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <string>
+#include <vector>
+
 using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStdout;
 using testsupport::countLines;
@@ -304,6 +308,70 @@ TEST_F(LoaderTest, CloseDestroysEveryObjectInSlotOrderAndIsSafeToRepeat) {
     loader.close();
     EXPECT_EQ(root.aiLog().size(), expected.size());
     EXPECT_EQ(loader.getLibVersionName(0), "");
+}
+
+namespace {
+
+// The entry at `position` (from 0) of an object's table of virtual operations,
+// as the Itanium C++ ABI lays it out: the object starts with a pointer to it.
+template <typename Fn>
+Fn tableEntry(void* object, size_t position) {
+    void** table = *static_cast<void***>(object);
+    return reinterpret_cast<Fn>(table[position]);
+}
+
+using GetVersion = int (*)(void*, int*, int*);
+using GetDeviceKey = int (*)(void*, int);
+using IsModelOptimized = int (*)(void*, std::string, std::string, int, int, bool);
+using Optimize = int (*)(void*, std::string, std::string, int, bool, bool);
+using OptimizeSized = int (*)(void*, std::string, std::string, int, bool, bool, int, int);
+using DeletingDestructor = void (*)(void*);
+
+}  // namespace
+
+// The library's objects are reached by table position alone: metadata 2, 4,
+// 5; box modules 9; skeleton and disparity 7; re-identification 6; and the
+// destructor that deletes, second in the table, at 1.
+TEST_F(LoaderTest, ObjectsAnswerAtTheirTablePositions) {
+    root.installAILibrary();
+    ai::AILoader loader;
+    ASSERT_EQ(loader.loadLib(ai::AI_LIB_ALL, 0), 0);
+    root.clearAiLog();
+
+    void* meta = loader.metadata;
+    int major = -1, minor = -1;
+    EXPECT_EQ(tableEntry<GetVersion>(meta, 2)(meta, &major, &minor), 0);
+    EXPECT_EQ(major, 2);
+    EXPECT_EQ(minor, 8);
+    EXPECT_EQ(tableEntry<GetDeviceKey>(meta, 4)(meta, 0), 87);
+    EXPECT_EQ(tableEntry<IsModelOptimized>(meta, 5)(meta, "neural_depth_3.6", "-87-x", 0, 512, false), 0);
+    root.writeFile("/usr/local/kov/resources/neural_depth_3.6-87-x_512.optimized", "engine");
+    EXPECT_NE(tableEntry<IsModelOptimized>(meta, 5)(meta, "neural_depth_3.6", "-87-x", 0, 512, false), 0);
+
+    EXPECT_EQ(tableEntry<Optimize>(loader.boxTrt, 9)(loader.boxTrt, "t", "-v", 0, true, false), 0);
+    EXPECT_EQ(tableEntry<Optimize>(loader.boxOnnx, 9)(loader.boxOnnx, "o", "-v", 1, true, false), 0);
+    EXPECT_EQ(tableEntry<OptimizeSized>(loader.skeletonPifPaf, 7)(loader.skeletonPifPaf, "s", "-v", 0, true,
+                                                                  false, 256, 160),
+              0);
+    EXPECT_EQ(
+        tableEntry<OptimizeSized>(loader.disparity, 7)(loader.disparity, "d", "-v", 0, true, false, 896, 512),
+        0);
+    EXPECT_EQ(tableEntry<Optimize>(loader.reid, 6)(loader.reid, "r", "-v", 0, true, false), 0);
+
+    void* rtm = loader.skeletonRtmPose;
+    loader.metadata = nullptr;
+    loader.skeletonRtmPose = nullptr;
+    tableEntry<DeletingDestructor>(meta, 1)(meta);
+    tableEntry<DeletingDestructor>(rtm, 1)(rtm);
+
+    const std::vector<std::string> expected = {"boxTrt optimize t -v gpu=0 download=1 size=0x0",
+                                               "boxOnnx optimize o -v gpu=1 download=1 size=0x0",
+                                               "skeletonPifPaf optimize s -v gpu=0 download=1 size=256x160",
+                                               "disparity optimize d -v gpu=0 download=1 size=896x512",
+                                               "reid optimize r -v gpu=0 download=1 size=0x0",
+                                               "destroy metadata",
+                                               "destroy skeletonRtmPose"};
+    EXPECT_EQ(root.aiLog(), expected);
 }
 
 TEST_F(LoaderTest, SeveralLoadersAtOnce) {

@@ -275,9 +275,26 @@ TEST(EnginePipeline, PacketBatchIsHalfOpen) {
     EXPECT_TRUE(e.engine->getIMUPacketBatch(t10, t10).empty());
     const std::vector<bh::IMUPacket> batch = e.engine->getIMUPacketBatch(t10, t20);
     ASSERT_EQ(batch.size(), 10u);
-    EXPECT_EQ(batch.front().timestamp, e.engine->batch_queue.atBegin(11).timestamp);
-    EXPECT_EQ(batch.back().timestamp, t20);
+    // taken while walking from the newest: the newest comes first
+    EXPECT_EQ(batch.front().timestamp, t20);
+    EXPECT_EQ(batch.back().timestamp, e.engine->batch_queue.atBegin(11).timestamp);
     EXPECT_TRUE(e.engine->getIMUPacketBatch(t20, t10).empty());
+}
+
+TEST(EnginePipeline, PacketBatchWalksTheWholeQueue) {
+    bh::KOVmcu engine(false, 11011, bh::KOV_P, std::unique_ptr<VirtualIMUReader>());
+    for (uint64_t ts : {30u, 10u, 20u, 50u, 40u}) {
+        bh::IMUPacket p;
+        p.valid = true;
+        p.timestamp = ts;
+        engine.batch_queue.pushBounded(p);
+    }
+    // every packet with 15 < timestamp <= 40, newest first, also past an older one
+    const std::vector<bh::IMUPacket> batch = engine.getIMUPacketBatch(15, 40);
+    ASSERT_EQ(batch.size(), 3u);
+    EXPECT_EQ(batch[0].timestamp, 40u);
+    EXPECT_EQ(batch[1].timestamp, 20u);
+    EXPECT_EQ(batch[2].timestamp, 30u);
 }
 
 TEST(EnginePipeline, TransformAndPriorOrientationAreInverse) {

@@ -3,7 +3,10 @@
 // and devices that disappear. Runs in simulated time (stepped clock).
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <memory>
+#include <vector>
 
 #include "McuTestSupport.h"
 
@@ -257,6 +260,60 @@ McuSensorReport env(uint64_t ticks, uint8_t valid, uint32_t pressure, uint32_t h
 }
 
 }  // namespace
+
+namespace {
+
+// A scripted MCU of its own path and serial, streaming `count` samples.
+std::shared_ptr<ScriptedHid> streamingDevice(const char* path, const wchar_t* serial, int count) {
+    auto dev = std::make_shared<ScriptedHid>();
+    dev->id.path = path;
+    dev->id.serial = serial;
+    dev->features[mcu_id::STREAM] = {mcu_id::STREAM, 1};
+    for (int i = 1; i <= count; ++i)
+        dev->stream.push_back(reportBytes(sample(1, static_cast<uint64_t>(i) * 64)));
+    return dev;
+}
+
+size_t pingsOf(const ScriptedHid& dev) {
+    const std::vector<uint8_t> ping = {mcu_id::STREAM, 0xF2};
+    return static_cast<size_t>(std::count(dev.featureWrites.begin(), dev.featureWrites.end(), ping));
+}
+
+}  // namespace
+
+// The calls are counted for every reader of the process together: from the
+// 400th on, a call that got data pings and the count starts again at 1.
+TEST(StreamingScripted, PingCountsTheCallsOfEveryReader) {
+    SimMachine sim;
+    auto first = streamingDevice("0001:0009:00", L"11111111", 600);
+    auto second = streamingDevice("0001:000a:00", L"22222222", 600);
+    sim.machine->addHidDevice(first);
+    sim.machine->addHidDevice(second);
+    sim.install();
+
+    auto a = std::make_unique<IMUHidReader>(false, VENDOR, PICO);
+    ASSERT_EQ(a->open(11111111, false, false), 11111111);
+    int calls = 0;
+    while (pingsOf(*first) == 0 && calls < 450) {
+        a->updateIMUData(false);
+        ++calls;
+    }
+    ASSERT_EQ(pingsOf(*first), 1u);  // the count is now 1
+    for (int i = 0; i < 100; ++i)
+        a->updateIMUData(false);  // 101
+    EXPECT_EQ(pingsOf(*first), 1u);
+    a.reset();
+
+    auto b = std::make_unique<IMUHidReader>(false, VENDOR, PICO);
+    ASSERT_EQ(b->open(22222222, false, false), 22222222);
+    int b_calls = 0;
+    while (pingsOf(*second) == 0 && b_calls < 450) {
+        b->updateIMUData(false);
+        ++b_calls;
+    }
+    EXPECT_EQ(pingsOf(*second), 1u);
+    EXPECT_EQ(b_calls, 299);  // 102 .. 400
+}
 
 TEST(StreamingScripted, EnvValid1BeforeAny2FillsOnceLaterOnesChangeNothing) {
     Scripted s(
