@@ -58,15 +58,19 @@ public:
         size_t messages;
     };
     int64_t steadyNanoseconds() override {
-        return std::chrono::steady_clock::now().time_since_epoch().count() + slept_.count();
+        return std::chrono::steady_clock::now().time_since_epoch().count() + slept().count();
     }
     int64_t systemNanoseconds() override {
-        return std::chrono::system_clock::now().time_since_epoch().count() + slept_.count();
+        return std::chrono::system_clock::now().time_since_epoch().count() + slept().count();
     }
     void sleepFor(std::chrono::nanoseconds duration) override {
         std::lock_guard<std::mutex> lock(mutex_);
         pauses_.push_back({node_.getPercent(), duration, node_.messages.size()});
         slept_ += duration;
+    }
+    std::chrono::nanoseconds slept() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return slept_;
     }
     std::vector<Pause> pauses() const {
         std::lock_guard<std::mutex> lock(mutex_);
