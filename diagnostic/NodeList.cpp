@@ -4,6 +4,7 @@
 #include "diagnostic/GPUNode.h"
 #include "diagnostic/ProcessorNode.h"
 #include "diagnostic/SDKNode.h"
+#include "diagnostic/USBNode.h"
 
 std::vector<DiagnosticNode*> buildDiagnosticNodes(bool arCheck) {
     static SDKNode sdk;              // position 1
@@ -12,7 +13,8 @@ std::vector<DiagnosticNode*> buildDiagnosticNodes(bool arCheck) {
     gpu.arCheck = arCheck;
     static AINode aiModels;  // position 4
     // Position 5: "Camera Test", 6: "Devices".
-    return {&sdk, &processor, &gpu, &aiModels};
+    static USBNode devices;  // position 6
+    return {&sdk, &processor, &gpu, &aiModels, &devices};
 }
 
 DiagnosticNode* buildRecoverMcuNode() {

@@ -382,7 +382,9 @@ int SimUsb::get_port_numbers(libusb_device* dev, uint8_t* port_numbers, int port
         return LIBUSB_ERROR_INVALID_PARAM;
     if (d.ports.size() > static_cast<size_t>(port_numbers_len))
         return LIBUSB_ERROR_OVERFLOW;
-    std::memcpy(port_numbers, d.ports.data(), d.ports.size());
+    // A root hub has no port path (and an empty vector may hold no buffer).
+    if (!d.ports.empty())
+        std::memcpy(port_numbers, d.ports.data(), d.ports.size());
     return static_cast<int>(d.ports.size());
 }
 
