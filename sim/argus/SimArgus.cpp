@@ -3,6 +3,7 @@
 #include "sim/argus/SimArgus.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 #include "platform/Clock.h"
@@ -20,6 +21,11 @@ void setStatus(at::Status* status, at::Status value) {
         *status = value;
 }
 }  // namespace
+
+uintptr_t SimArgus::nextInstance() {
+    static std::atomic<uintptr_t> count{0};
+    return ++count;
+}
 
 SimArgus::SimArgus() = default;
 SimArgus::~SimArgus() = default;

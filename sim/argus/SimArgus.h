@@ -240,15 +240,18 @@ private:
     argus_records::Request* requestLocked(platform::argus_types::Request* request) const;
     std::shared_ptr<const FrameGenerator> generatorLocked(platform::argus_types::Size2D size);
 
+    static uintptr_t nextInstance();
+
     mutable std::mutex mutex_;
+    const uintptr_t instance_ = nextInstance();
     std::vector<std::unique_ptr<Sensor>> sensors_;
     std::vector<std::unique_ptr<Camera>> cameras_;
-    argus_records::HandleTable<Session> sessions_{1};
-    argus_records::HandleTable<argus_records::StreamSettings> settings_{2};
-    argus_records::HandleTable<argus_records::Stream> streams_{3};
-    argus_records::HandleTable<argus_records::Request> requests_{4};
-    argus_records::HandleTable<argus_records::Consumer> consumers_{5};
-    argus_records::HandleTable<argus_records::Frame> frames_{6};
+    argus_records::HandleTable<Session> sessions_{instance_, 1};
+    argus_records::HandleTable<argus_records::StreamSettings> settings_{instance_, 2};
+    argus_records::HandleTable<argus_records::Stream> streams_{instance_, 3};
+    argus_records::HandleTable<argus_records::Request> requests_{instance_, 4};
+    argus_records::HandleTable<argus_records::Consumer> consumers_{instance_, 5};
+    argus_records::HandleTable<argus_records::Frame> frames_{instance_, 6};
     std::map<int, argus_records::NvBuffer> buffers_;
     int nextBuffer_ = 1000;
     std::map<std::pair<uint32_t, uint32_t>, std::shared_ptr<const FrameGenerator>> generators_;

@@ -23,15 +23,19 @@ namespace at = platform::argus_types;
 
 using Key = uintptr_t;
 
+static_assert(sizeof(Key) == 8, "handles carry 56 bits");
+
 // The objects one kind of handle stands for. A handle is
-// (kind << 40) | (serial << 4): serials count up from 1 and are never reused.
+// (instance << 44) | (kind << 40) | (serial << 4): serials count up from 1
+// and are never reused, and the instance number of the service keeps the
+// handles of two services apart.
 template <typename T>
 class HandleTable {
 public:
-    explicit HandleTable(uintptr_t kind) : kind_(kind) {}
+    HandleTable(uintptr_t instance, uintptr_t kind) : tag_(((instance & 0xFFF) << 4) | (kind & 0xF)) {}
 
     Key add(std::unique_ptr<T> item) {
-        const Key key = (kind_ << 40) | (nextSerial_++ << 4);
+        const Key key = (tag_ << 40) | (nextSerial_++ << 4);
         items_[key] = std::move(item);
         return key;
     }
@@ -46,7 +50,7 @@ public:
     // Whether the key was handed out by this table (it may be gone since).
     bool issued(Key key) const {
         const Key serial = (key >> 4) & ((Key(1) << 36) - 1);
-        return (key >> 40) == kind_ && (key & 0xF) == 0 && serial >= 1 && serial < nextSerial_;
+        return (key >> 40) == tag_ && (key & 0xF) == 0 && serial >= 1 && serial < nextSerial_;
     }
     void erase(Key key) { items_.erase(key); }
     void clear() { items_.clear(); }
@@ -63,7 +67,7 @@ public:
     }
 
 private:
-    uintptr_t kind_;
+    uintptr_t tag_;
     Key nextSerial_ = 1;
     std::map<Key, std::unique_ptr<T>> items_;
 };
