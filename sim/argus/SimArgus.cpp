@@ -7,8 +7,6 @@
 #include <cstring>
 
 #include "platform/Clock.h"
-#include "sim/argus/GmslFrameSync.h"
-#include "sim/uvc/FrameGenerator.h"
 
 namespace sim {
 

@@ -1,15 +1,19 @@
 #pragma once
 
 // The simulated camera service: a platform::Argus with the sensors of the
-// scenario's GMSL cameras. Discovery (SimArgus.cpp): provider, devices,
-// capture sessions, properties, sensor modes. Capture: output streams,
-// requests and repeats whose frames follow the steady clock of
-// platform::clock() on a grid shared by the sensors of a camera
-// (SimArgusCapture.cpp), the request settings (SimArgusControls.cpp), and the
-// native buffers that render a moving scene (SimArgusBuffers.cpp). Camera
-// faults (freeze, no first frame, a stream that never connects, a lagging or
-// offset second sensor, capture errors) come from the scenario or from the
-// knobs below. sim/argus/README.md tells the exact behaviour.
+// scenario's GMSL cameras.
+//
+//   SimArgus.cpp          scenario side, observation, provider, discovery
+//   SimArgusTiming.cpp    frames on the steady clock of platform::clock(), on
+//                         a grid shared by the sensors of a camera; faults;
+//                         the camera's frame-start line
+//   SimArgusCapture.cpp   output streams, requests, repeats, consumers, frames
+//   SimArgusControls.cpp  the settings of a request
+//   SimArgusBuffers.cpp   native buffers that render a moving scene
+//
+// Camera faults (freeze, no first frame, a stream that never connects, a
+// lagging or offset second sensor, capture errors) come from the scenario or
+// from the knobs below. sim/argus/README.md tells the exact behaviour.
 //
 // Handles must only be given back to the SimArgus that made them; any other
 // value answers an error. Every member is safe from any thread.
@@ -114,7 +118,7 @@ public:
     bool getFrameDurationRange(platform::argus_types::SensorMode* mode,
                                platform::argus_types::Range<uint64_t>& range) override;
 
-    // ---- capture (SimArgusCapture.cpp, SimArgusControls.cpp, SimArgusBuffers.cpp)
+    // ---- capture
     platform::argus_types::OutputStreamSettings* createEglOutputStreamSettings(
         platform::argus_types::CaptureSession* session) override;
     platform::argus_types::OutputStream* createOutputStream(
@@ -218,7 +222,7 @@ private:
     Session* sessionLocked(platform::argus_types::CaptureSession* session) const;
     int modeIndexLocked(const Sensor& sensor, const Mode* mode) const;
 
-    // Frame timing (SimArgusCapture.cpp), under mutex_.
+    // Frame timing (SimArgusTiming.cpp), under mutex_.
     void advanceLocked(int64_t nowNs);
     void noteCameraFaultsLocked(Camera& camera, int64_t nowNs);
     void deliverLocked(Sensor& sensor, int64_t nowNs);
