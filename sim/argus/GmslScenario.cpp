@@ -4,6 +4,7 @@
 #include <QJsonObject>
 #include <QJsonValue>
 #include <cmath>
+#include <sstream>
 #include <string>
 
 #include "sim/argus/SimArgus.h"
@@ -14,13 +15,20 @@ namespace {
 
 constexpr double kLongestFaultDelaySeconds = 86400.0;
 
+// A number as a person writes it: 0, 2.5, 1e+300.
+std::string text(double v) {
+    std::ostringstream out;
+    out << v;
+    return out.str();
+}
+
 // A required time in seconds, above 0, as nanoseconds.
 int64_t readSeconds(const Entry& e, const std::string& key) {
     if (!e.has(key))
         e.fail(key, "missing (a number of seconds is required)");
     const double seconds = e.number(key, 0.0);
     if (!std::isfinite(seconds) || seconds <= 0.0 || seconds > kLongestFaultDelaySeconds)
-        e.fail(key, "expected seconds above 0 and at most 86400, got " + std::to_string(seconds));
+        e.fail(key, "expected seconds above 0 and at most 86400, got " + text(seconds));
     return std::llround(seconds * 1e9);
 }
 
@@ -34,7 +42,8 @@ std::pair<double, double> readRange(const Entry& e, const std::string& key, doub
     const double lo = a[0].toDouble();
     const double hi = a[1].toDouble();
     if (!(lo >= lowest && hi <= highest && lo <= hi))
-        e.fail(key, "expected " + std::to_string(lowest) + " <= min <= max <= " + std::to_string(highest));
+        e.fail(key, "expected " + text(lowest) + " <= min <= max <= " + text(highest) + ", got [" + text(lo) +
+                        ", " + text(hi) + "]");
     return {lo, hi};
 }
 

@@ -3,6 +3,7 @@
 // field; the shipped GMSL scenarios stream.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 #include <string>
 #include <vector>
@@ -144,8 +145,13 @@ TEST(SimArgusScenario, BadFieldsAreNamed) {
 
 TEST(SimArgusScenario, MessagesSayWhatIsExpected) {
     EXPECT_EQ(refusalOf(withFaults("{\"freeze\": {\"after_s\": 0}}")).problem,
-              "expected seconds above 0 and at most 86400, got 0.000000");
+              "expected seconds above 0 and at most 86400, got 0");
     EXPECT_EQ(refusalOf(withFaults("{\"freeze\": {}}")).problem, "missing (a number of seconds is required)");
+    EXPECT_EQ(refusalOf(stereoCamera(30,
+                                     "\"modes\": [{\"width\": 64, \"height\": 48, \"fps\": [30], "
+                                     "\"exposure_us\": [50, 5]}]"))
+                  .problem,
+              "expected 1 <= min <= max <= 1e+07, got [50, 5]");
     EXPECT_EQ(refusalOf(withFaults("{\"second_sensor_lag_frames\": 1}", true)).problem,
               "the camera has 1 sensor(s): there is no second sensor");
     EXPECT_EQ(refusalOf(stereoCamera(30, "\"imu\": {}")).problem,
@@ -186,12 +192,13 @@ TEST(SimArgusScenario, AnyValueOfAnyFieldIsReadOrRefused) {
     std::mt19937 random(2024);
     int read = 0, refused = 0;
     for (int round = 0; round < 400; ++round) {
+        // Distinct keys: Qt's JSON reader leaks a little on a repeated key.
+        std::vector<std::string> drawn = keys;
+        std::shuffle(drawn.begin(), drawn.end(), random);
         std::string faults = "{";
         const int n = 1 + static_cast<int>(random() % 3);
-        for (int i = 0; i < n; ++i) {
-            const std::string& key = keys[random() % keys.size()];
-            faults += (i ? ", \"" : "\"") + key + "\": " + values[random() % values.size()];
-        }
+        for (int i = 0; i < n; ++i)
+            faults += (i ? ", \"" : "\"") + drawn[i] + "\": " + values[random() % values.size()];
         faults += "}";
         try {
             machineFrom(withFaults(faults, random() % 2 == 0));
