@@ -1,11 +1,11 @@
 // Scenario types of the GMSL cameras: "gmsl_camera" (the identification
 // EEPROM on an I2C bus and the camera's sensors in the simulated Argus) and
 // "argus" (faults of the camera service itself).
-#include <QJsonArray>
-#include <QJsonValue>
 
 #include "sim/Builtins.h"
 #include "sim/Registry.h"
+#include "sim/argus/GmslFrameSync.h"
+#include "sim/argus/GmslScenario.h"
 #include "sim/argus/SimArgus.h"
 
 namespace sim {
@@ -41,26 +41,6 @@ std::vector<ArgusSensorModeConfig> defaultModes() {
     return {{1920, 1200, {15, 30, 60}}, {1920, 1080, {15, 30, 60}}, {1280, 720, {15, 30, 60, 120}}};
 }
 
-std::vector<ArgusSensorModeConfig> readModes(const Entry& e) {
-    std::vector<ArgusSensorModeConfig> modes;
-    for (const Entry& m : e.objects("modes")) {
-        m.allowOnly({"comment", "width", "height", "fps"});
-        ArgusSensorModeConfig mode;
-        mode.width = static_cast<uint32_t>(m.integer("width", 1, 16384));
-        mode.height = static_cast<uint32_t>(m.integer("height", 1, 16384));
-        const QJsonValue fps = m.json().value("fps");
-        if (!fps.isArray() || fps.toArray().isEmpty())
-            m.fail("fps", "expected a non-empty array of frame rates, e.g. [15, 30, 60]");
-        for (const QJsonValue& v : fps.toArray()) {
-            if (!v.isDouble() || v.toDouble() <= 0 || v.toDouble() > 1000)
-                m.fail("fps", "each frame rate must be a number above 0 and at most 1000");
-            mode.fps.push_back(v.toDouble());
-        }
-        modes.push_back(mode);
-    }
-    return modes;
-}
-
 std::string readModuleId(const Entry& e, const std::string& fallback) {
     std::string id = e.string("module_id", fallback);
     if (id.size() > 31)
@@ -69,8 +49,12 @@ std::string readModuleId(const Entry& e, const std::string& fallback) {
 }
 
 void addGmslCamera(const Entry& e, Machine& m) {
+    // The camera's inertial chip will be its own model on the same bus; until
+    // then the field is refused rather than ignored.
+    if (e.has("imu"))
+        e.fail("imu", "the inertial chip of a GMSL camera is not simulated yet");
     e.allowOnly({"type", "comment", "bus", "address", "serial", "version", "sub_model", "counter", "claimed",
-                 "in_use", "modes", "sensors"});
+                 "in_use", "modes", "sensors", "faults"});
     const int number = static_cast<int>(e.integer("bus", 0, 255));
     const int address = static_cast<int>(e.integer("address", 0x55, 0x03, 0x77));
     if (address != 0x55 && address != 0x57)
@@ -94,7 +78,7 @@ void addGmslCamera(const Entry& e, Machine& m) {
 
     const SensorDefaults d = defaultsOf(subModel);
     const bool inUse = e.boolean("in_use", false);
-    std::vector<ArgusSensorModeConfig> modes = e.has("modes") ? readModes(e) : defaultModes();
+    std::vector<ArgusSensorModeConfig> modes = e.has("modes") ? readSensorModes(e) : defaultModes();
     auto argus = SimArgus::of(m);
     auto makeSensor = [&](int index) {
         ArgusSensorConfig s;
@@ -106,6 +90,7 @@ void addGmslCamera(const Entry& e, Machine& m) {
         s.bus = number;
         return s;
     };
+    std::vector<ArgusSensorConfig> sensors;
     if (e.has("sensors")) {
         int index = 0;
         for (const Entry& se : e.objects("sensors")) {
@@ -115,30 +100,31 @@ void addGmslCamera(const Entry& e, Machine& m) {
             s.moduleString = se.string("module_string", s.moduleString);
             s.moduleId = readModuleId(se, s.moduleId);
             if (se.has("modes"))
-                s.modes = readModes(se);
+                s.modes = readSensorModes(se);
             s.inUse = se.boolean("in_use", s.inUse);
-            argus->addSensor(s);
+            sensors.push_back(s);
         }
     } else {
         for (int i = 0; i < d.sensors; ++i)
-            argus->addSensor(makeSensor(i));
+            sensors.push_back(makeSensor(i));
+    }
+
+    // The sensors share the camera's frame grid and its frame-start line.
+    ArgusCameraConfig camera;
+    camera.bus = number;
+    if (e.has("faults"))
+        camera.faults = readCameraFaults(e.object("faults"), sensors.size());
+    camera.frameSync = GmslFrameSync::of(m, number);
+    const int cameraIndex = static_cast<int>(argus->addCamera(camera));
+    for (ArgusSensorConfig& s : sensors) {
+        s.camera = cameraIndex;
+        argus->addSensor(s);
     }
 }
 
 void addArgusService(const Entry& e, Machine& m) {
     e.allowOnly({"type", "comment", "faults"});
-    auto argus = SimArgus::of(m);
-    const QJsonValue faults = e.json().value("faults");
-    if (faults.isUndefined())
-        return;
-    if (!faults.isArray())
-        e.fail("faults", "expected an array of fault names, e.g. [\"provider_unavailable\"]");
-    for (const QJsonValue& f : faults.toArray()) {
-        if (f.toString() != "provider_unavailable")
-            e.fail("faults",
-                   "unknown fault \"" + f.toString().toStdString() + "\" (known: provider_unavailable)");
-        argus->setProviderUnavailable(true);
-    }
+    readServiceFaults(e, *SimArgus::of(m));
 }
 
 }  // namespace

@@ -1,11 +1,17 @@
+// The simulated camera service: the scenario side, the observation of tests,
+// the provider and the discovery operations.
 #include "sim/argus/SimArgus.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
+
+#include "platform/Clock.h"
 
 namespace sim {
 
 namespace at = platform::argus_types;
+using argus_records::Key;
 
 namespace {
 void setStatus(at::Status* status, at::Status value) {
@@ -14,23 +20,48 @@ void setStatus(at::Status* status, at::Status value) {
 }
 }  // namespace
 
+uintptr_t SimArgus::nextInstance() {
+    static std::atomic<uintptr_t> count{0};
+    return ++count;
+}
+
+SimArgus::SimArgus() = default;
+SimArgus::~SimArgus() = default;
+
 std::shared_ptr<SimArgus> SimArgus::of(Machine& machine) {
     auto argus = machine.shared<SimArgus>("argus", [] { return std::make_shared<SimArgus>(); });
     machine.setArgus(argus);
     return argus;
 }
 
-SimArgus::~SimArgus() {
-    for (Session* s : sessions_)
-        delete s;
+// ---------------------------------------------------------------------------
+// Scenario side
+
+size_t SimArgus::addCamera(ArgusCameraConfig config) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto camera = std::make_unique<Camera>();
+    camera->freezesLeft = config.faults.freezeCount;
+    camera->errorsLeft = config.faults.captureErrorCount;
+    camera->config = std::move(config);
+    cameras_.push_back(std::move(camera));
+    return cameras_.size() - 1;
 }
 
 size_t SimArgus::addSensor(ArgusSensorConfig config) {
+    if (config.camera < 0 || static_cast<size_t>(config.camera) >= cameraCount()) {
+        ArgusCameraConfig own;
+        own.bus = config.bus;
+        config.camera = static_cast<int>(addCamera(own));
+    }
     std::lock_guard<std::mutex> lock(mutex_);
     auto sensor = std::make_unique<Sensor>();
     for (const ArgusSensorModeConfig& m : config.modes)
         sensor->modes.push_back(std::make_unique<Mode>(Mode{m}));
+    Camera& camera = *cameras_[static_cast<size_t>(config.camera)];
+    sensor->camera = static_cast<size_t>(config.camera);
+    sensor->position = static_cast<int>(camera.sensors.size());
     sensor->config = std::move(config);
+    camera.sensors.push_back(sensor.get());
     sensors_.push_back(std::move(sensor));
     return sensors_.size() - 1;
 }
@@ -38,6 +69,11 @@ size_t SimArgus::addSensor(ArgusSensorConfig config) {
 void SimArgus::setProviderUnavailable(bool unavailable) {
     std::lock_guard<std::mutex> lock(mutex_);
     providerUnavailable_ = unavailable;
+}
+
+void SimArgus::setProviderFailures(int count) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    providerFailures_ = std::max(0, count);
 }
 
 void SimArgus::setInUse(size_t sensor, bool inUse) {
@@ -54,6 +90,51 @@ std::vector<ArgusSensorConfig> SimArgus::sensors() const {
     return out;
 }
 
+size_t SimArgus::cameraCount() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return cameras_.size();
+}
+
+int SimArgus::cameraOf(size_t sensor) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return sensor < sensors_.size() ? static_cast<int>(sensors_[sensor]->camera) : -1;
+}
+
+ArgusCameraFaults SimArgus::cameraFaults(size_t camera) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return camera < cameras_.size() ? cameras_[camera]->config.faults : ArgusCameraFaults{};
+}
+
+void SimArgus::setCameraFaults(size_t index, ArgusCameraFaults faults) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (index >= cameras_.size())
+        return;
+    advanceLocked(platform::clock().steadyNanoseconds());
+    Camera& camera = *cameras_[index];
+    camera.config.faults = faults;
+    camera.freezesLeft = faults.freezeCount;
+    camera.errorsLeft = faults.captureErrorCount;
+    updateLineLocked(camera);
+}
+
+void SimArgus::freezeNow(size_t index) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (index >= cameras_.size())
+        return;
+    const int64_t now = platform::clock().steadyNanoseconds();
+    advanceLocked(now);
+    Camera& camera = *cameras_[index];
+    if (!camera.frozen) {
+        camera.frozen = true;
+        camera.frozenAtNs = now;
+        providerFailures_ += camera.config.faults.freezeRestartFailures;
+    }
+    updateLineLocked(camera);
+}
+
+// ---------------------------------------------------------------------------
+// Observation
+
 int SimArgus::createProviderCalls() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return createCalls_;
@@ -69,6 +150,11 @@ bool SimArgus::providerCreated() const {
     return providerCreated_;
 }
 
+int SimArgus::providerFailuresLeft() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return providerFailures_;
+}
+
 int SimArgus::sessionsCreated() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return sessionsCreated_;
@@ -76,7 +162,27 @@ int SimArgus::sessionsCreated() const {
 
 int SimArgus::liveSessions() const {
     std::lock_guard<std::mutex> lock(mutex_);
-    return static_cast<int>(sessions_.size());
+    return static_cast<int>(sessions_.items().size());
+}
+
+int SimArgus::liveStreams() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return static_cast<int>(streams_.items().size());
+}
+
+int SimArgus::liveConsumers() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return static_cast<int>(consumers_.items().size());
+}
+
+int SimArgus::liveFrames() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return static_cast<int>(frames_.items().size());
+}
+
+int SimArgus::liveNvBuffers() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return static_cast<int>(buffers_.size());
 }
 
 int SimArgus::indexOf(at::CameraDevice* device) const {
@@ -86,6 +192,43 @@ int SimArgus::indexOf(at::CameraDevice* device) const {
             return static_cast<int>(i);
     return -1;
 }
+
+ArgusSensorState SimArgus::sensorState(size_t index) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ArgusSensorState state;
+    if (index >= sensors_.size())
+        return state;
+    advanceLocked(platform::clock().steadyNanoseconds());
+    const Sensor& s = *sensors_[index];
+    state.repeating = s.run.active;
+    state.periodNs = s.run.periodNs;
+    state.phaseNs = s.run.phaseNs;
+    state.framesDelivered = s.delivered;
+    state.framesAcquired = s.acquired;
+    state.repeats = s.repeats;
+    state.hasApplied = s.hasApplied;
+    state.applied = s.run.settings;
+    return state;
+}
+
+bool SimArgus::cameraFrozen(size_t camera) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (camera >= cameras_.size())
+        return false;
+    advanceLocked(platform::clock().steadyNanoseconds());
+    return cameras_[camera]->frozen;
+}
+
+bool SimArgus::cameraCaptureError(size_t camera) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (camera >= cameras_.size())
+        return false;
+    advanceLocked(platform::clock().steadyNanoseconds());
+    return cameras_[camera]->errored;
+}
+
+// ---------------------------------------------------------------------------
+// Look-ups
 
 SimArgus::Sensor* SimArgus::sensorLocked(at::CameraDevice* device) const {
     if (!providerCreated_ || device == nullptr)
@@ -106,19 +249,31 @@ SimArgus::Mode* SimArgus::modeLocked(at::SensorMode* mode) const {
     return nullptr;
 }
 
+int SimArgus::modeIndexLocked(const Sensor& sensor, const Mode* mode) const {
+    for (size_t i = 0; i < sensor.modes.size(); ++i)
+        if (sensor.modes[i].get() == mode)
+            return static_cast<int>(i);
+    return -1;
+}
+
 SimArgus::Session* SimArgus::sessionLocked(at::CaptureSession* session) const {
-    auto* s = reinterpret_cast<Session*>(session);
-    return sessions_.count(s) != 0 ? s : nullptr;
+    return sessions_.find(session);
 }
 
 // ---------------------------------------------------------------------------
-// Discovery
+// Provider
 
 bool SimArgus::createProvider() {
     std::lock_guard<std::mutex> lock(mutex_);
     ++createCalls_;
+    // A freeze that is due now asks for its restart failures first.
+    advanceLocked(platform::clock().steadyNanoseconds());
     if (providerUnavailable_)
         return false;
+    if (providerFailures_ > 0) {
+        --providerFailures_;
+        return false;
+    }
     providerCreated_ = true;
     return true;
 }
@@ -126,14 +281,10 @@ bool SimArgus::createProvider() {
 void SimArgus::destroyProvider() {
     std::lock_guard<std::mutex> lock(mutex_);
     ++destroyCalls_;
+    const int64_t now = platform::clock().steadyNanoseconds();
+    advanceLocked(now);
+    endProviderLocked(now);
     providerCreated_ = false;
-    // Sessions end with their provider.
-    for (Session* s : sessions_) {
-        for (Sensor* sensor : s->sensors)
-            --sensor->sessions;
-        delete s;
-    }
-    sessions_.clear();
 }
 
 at::Status SimArgus::getCameraDevices(std::vector<at::CameraDevice*>& devices) {
@@ -179,21 +330,19 @@ at::CaptureSession* SimArgus::createCaptureSession(const std::vector<at::CameraD
     for (Sensor* sensor : session->sensors)
         ++sensor->sessions;
     ++sessionsCreated_;
-    Session* raw = session.release();
-    sessions_.insert(raw);
+    const Key key = sessions_.add(std::move(session));
     setStatus(status, at::STATUS_OK);
-    return reinterpret_cast<at::CaptureSession*>(raw);
+    return sessions_.handleOf<at::CaptureSession>(key);
 }
 
 void SimArgus::destroyCaptureSession(at::CaptureSession* session) {
     std::lock_guard<std::mutex> lock(mutex_);
-    Session* s = sessionLocked(session);
-    if (s == nullptr)
+    const Key key = sessions_.keyOf(session);
+    if (sessions_.find(key) == nullptr)
         return;
-    for (Sensor* sensor : s->sensors)
-        --sensor->sessions;
-    sessions_.erase(s);
-    delete s;
+    const int64_t now = platform::clock().steadyNanoseconds();
+    advanceLocked(now);
+    destroySessionLocked(key, now);
 }
 
 bool SimArgus::getModelName(at::CameraDevice* device, std::string& name) {
@@ -237,8 +386,14 @@ at::Status SimArgus::getAllSensorModes(at::CameraDevice* device, std::vector<at:
     return at::STATUS_OK;
 }
 
-bool SimArgus::getMinAeRegionSize(at::CameraDevice*, at::Size2D&) {
-    return false;
+bool SimArgus::getMinAeRegionSize(at::CameraDevice* device, at::Size2D& size) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    Sensor* s = sensorLocked(device);
+    if (s == nullptr)
+        return false;
+    size.width = s->config.minAeRegionWidth;
+    size.height = s->config.minAeRegionHeight;
+    return true;
 }
 
 bool SimArgus::getResolution(at::SensorMode* mode, at::Size2D& size) {
@@ -254,163 +409,26 @@ bool SimArgus::getResolution(at::SensorMode* mode, at::Size2D& size) {
 bool SimArgus::getFrameDurationRange(at::SensorMode* mode, at::Range<uint64_t>& range) {
     std::lock_guard<std::mutex> lock(mutex_);
     Mode* m = modeLocked(mode);
-    if (m == nullptr || m->config.fps.empty())
+    return m != nullptr && argus_records::frameDurationsOf(m->config, range);
+}
+
+bool SimArgus::getExposureTimeRange(at::SensorMode* mode, at::Range<uint64_t>& range) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    Mode* m = modeLocked(mode);
+    if (m == nullptr)
         return false;
-    const auto [slowest, fastest] = std::minmax_element(m->config.fps.begin(), m->config.fps.end());
-    range.min = static_cast<uint64_t>(1e9 / *fastest);
-    range.max = static_cast<uint64_t>(1e9 / *slowest);
+    range = argus_records::exposureRangeOf(m->config);
     return true;
 }
 
-bool SimArgus::getExposureTimeRange(at::SensorMode*, at::Range<uint64_t>&) {
-    return false;
-}
-
-bool SimArgus::getAnalogGainRange(at::SensorMode*, at::Range<float>&) {
-    return false;
-}
-
-// ---------------------------------------------------------------------------
-// Capture: not simulated yet.
-
-at::OutputStreamSettings* SimArgus::createEglOutputStreamSettings(at::CaptureSession*) {
-    return nullptr;
-}
-at::OutputStream* SimArgus::createOutputStream(at::CaptureSession*, at::OutputStreamSettings*,
-                                               at::Status* status) {
-    setStatus(status, at::STATUS_UNIMPLEMENTED);
-    return nullptr;
-}
-at::Request* SimArgus::createPreviewRequest(at::CaptureSession*, at::Status* status) {
-    setStatus(status, at::STATUS_UNIMPLEMENTED);
-    return nullptr;
-}
-at::Status SimArgus::repeat(at::CaptureSession*, at::Request*) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-void SimArgus::stopRepeat(at::CaptureSession*) {}
-at::Status SimArgus::waitForIdle(at::CaptureSession*, uint64_t) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-void SimArgus::destroyOutputStreamSettings(at::OutputStreamSettings*) {}
-void SimArgus::destroyOutputStream(at::OutputStream*) {}
-void SimArgus::destroyRequest(at::Request*) {}
-at::Status SimArgus::setCameraDevice(at::OutputStreamSettings*, at::CameraDevice*) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-at::Status SimArgus::setPixelFormatYCbCr420(at::OutputStreamSettings*) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-at::Status SimArgus::setResolution(at::OutputStreamSettings*, at::Size2D) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-at::Status SimArgus::setMetadataEnable(at::OutputStreamSettings*, bool) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-at::Status SimArgus::setMode(at::OutputStreamSettings*, at::EglStreamMode) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-at::Status SimArgus::enableOutputStream(at::Request*, at::OutputStream*) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-at::Status SimArgus::setFrameDurationRange(at::Request*, at::Range<uint64_t>) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-at::Status SimArgus::setSensorMode(at::Request*, at::SensorMode*) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-at::Status SimArgus::setExposureTimeRange(at::Request*, at::Range<uint64_t>) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-at::Status SimArgus::setGainRange(at::Request*, at::Range<float>) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-at::Status SimArgus::setSourceClipRect(at::Request*, at::OutputStream*, at::Rectangle) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-at::Status SimArgus::setIspDigitalGainRange(at::Request*, at::Range<float>) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-bool SimArgus::getIspDigitalGainRange(at::Request*, at::Range<float>&) {
-    return false;
-}
-at::Status SimArgus::setAeLock(at::Request*, bool) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-at::Status SimArgus::setAeRegions(at::Request*, const std::vector<at::AcRegion>&) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-bool SimArgus::getAeRegions(at::Request*, std::vector<at::AcRegion>&) {
-    return false;
-}
-at::Status SimArgus::setAeAntibandingMode(at::Request*, at::AeAntibandingMode) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-at::Status SimArgus::setAwbMode(at::Request*, at::AwbMode) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-at::Status SimArgus::setWbGains(at::Request*, at::BayerTuple) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-at::Status SimArgus::setExposureCompensation(at::Request*, float) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-at::Status SimArgus::setColorSaturation(at::Request*, float, bool) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-uint32_t SimArgus::getToneMapCurveSize(at::Request*) {
-    return 0;
-}
-at::Status SimArgus::setToneMapCurve(at::Request*, uint32_t, const std::vector<float>&, bool) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-at::Status SimArgus::setEdgeEnhance(at::Request*, at::EdgeEnhanceMode, float) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-at::Status SimArgus::setDenoise(at::Request*, at::DenoiseMode, float) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-at::Status SimArgus::waitUntilConnected(at::OutputStream*, uint64_t) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-void SimArgus::disconnect(at::OutputStream*) {}
-at::FrameConsumer* SimArgus::createFrameConsumer(at::OutputStream*, at::Status* status) {
-    setStatus(status, at::STATUS_UNIMPLEMENTED);
-    return nullptr;
-}
-void SimArgus::destroyFrameConsumer(at::FrameConsumer*) {}
-at::Frame* SimArgus::acquireFrame(at::FrameConsumer*, uint64_t, at::Status* status) {
-    setStatus(status, at::STATUS_UNIMPLEMENTED);
-    return nullptr;
-}
-void SimArgus::releaseFrame(at::Frame*) {}
-bool SimArgus::getSensorTimestamp(at::Frame*, uint64_t&) {
-    return false;
-}
-bool SimArgus::getSensorExposureTime(at::Frame*, uint64_t&) {
-    return false;
-}
-bool SimArgus::getSensorAnalogGain(at::Frame*, float&) {
-    return false;
-}
-bool SimArgus::getIspDigitalGain(at::Frame*, float&) {
-    return false;
-}
-int SimArgus::createNvBuffer(at::Frame*, at::Size2D, int, int, int, at::Status* status) {
-    setStatus(status, at::STATUS_UNIMPLEMENTED);
-    return -1;
-}
-at::Status SimArgus::copyToNvBuffer(at::Frame*, int) {
-    return at::STATUS_UNIMPLEMENTED;
-}
-int SimArgus::surfaceMapParams(int, uint32_t&, uint32_t&, uint32_t&) {
-    return -1;
-}
-int SimArgus::surfaceToRaw(int, uint32_t, uint32_t, uint32_t, unsigned char*) {
-    return -1;
-}
-int SimArgus::destroyNvBuffer(int) {
-    return -1;
+bool SimArgus::getAnalogGainRange(at::SensorMode* mode, at::Range<float>& range) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    Mode* m = modeLocked(mode);
+    if (m == nullptr)
+        return false;
+    range.min = m->config.analogGainMin;
+    range.max = m->config.analogGainMax;
+    return true;
 }
 
 }  // namespace sim

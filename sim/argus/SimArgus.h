@@ -1,60 +1,94 @@
 #pragma once
 
-// The simulated camera service: a platform::Argus that lists the sensors of
-// the scenario's GMSL cameras. Discovery works in full (provider, devices,
-// trial capture sessions, properties, sensor modes); the capture operations
-// answer STATUS_UNIMPLEMENTED, false or null until a frame model is added.
+// The simulated camera service: a platform::Argus with the sensors of the
+// scenario's GMSL cameras.
 //
-// Handles handed out are this object's own records cast to the opaque Argus
-// types; they must only be given back to the same SimArgus.
+//   SimArgus.cpp          scenario side, observation, provider, discovery
+//   SimArgusTiming.cpp    frames on the steady clock of platform::clock(), on
+//                         a grid shared by the sensors of a camera; faults;
+//                         the camera's frame-start line
+//   SimArgusCapture.cpp   output streams, requests, repeats, consumers, frames
+//   SimArgusControls.cpp  the settings of a request
+//   SimArgusBuffers.cpp   native buffers that render a moving scene
+//
+// Camera faults (freeze, no first frame, a stream that never connects, a
+// lagging or offset second sensor, capture errors) come from the scenario or
+// from the knobs below. sim/argus/README.md tells the exact behaviour.
+//
+// Handles must only be given back to the SimArgus that made them; any other
+// value answers an error. Every member is safe from any thread.
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/Argus.h"
 #include "sim/Machine.h"
+#include "sim/argus/SimArgusRecords.h"
+#include "sim/argus/SimArgusTypes.h"
 
 namespace sim {
 
-struct ArgusSensorModeConfig {
-    uint32_t width = 0;
-    uint32_t height = 0;
-    std::vector<double> fps;  // frame rates the mode offers, ascending
-};
-
-struct ArgusSensorConfig {
-    std::string modelName;     // ICameraProperties model name
-    std::string moduleString;  // ICameraProperties module string
-    std::string moduleId;      // ISyncSensorCalibrationData module id (at most 31 characters)
-    std::vector<ArgusSensorModeConfig> modes;
-    bool inUse = false;  // held by another process: capture sessions are refused
-    int bus = -1;        // the I2C bus of its camera (information only)
-};
+class FrameGenerator;
 
 class SimArgus : public platform::Argus {
 public:
+    // How long a stream with the never-connect fault keeps a waitUntilConnected
+    // before it answers STATUS_TIMEOUT, whatever its time-out.
+    static constexpr int64_t kNeverConnectGiveUpNs = 1000000000;
+    // Longest sleep of a waiting call between two looks at its handles.
+    static constexpr int64_t kWaitSliceNs = 20000000;
+    static constexpr uint32_t kToneMapCurveSize = 64;
+    static constexpr int kMaxHeldFrames = 8;  // per consumer
+
+    SimArgus();
+    ~SimArgus() override;
+
     // The machine's SimArgus, made and installed (Machine::setArgus) on first use.
     static std::shared_ptr<SimArgus> of(Machine& machine);
 
     // ---- scenario side
+    // Adds a camera; returns its index for ArgusSensorConfig::camera.
+    size_t addCamera(ArgusCameraConfig camera);
     // Adds a sensor at the end of the device list; returns its index.
     size_t addSensor(ArgusSensorConfig sensor);
     void setProviderUnavailable(bool unavailable);
+    // The next `count` createProvider calls fail (the service is restarting).
+    void setProviderFailures(int count);
     void setInUse(size_t sensor, bool inUse);
     std::vector<ArgusSensorConfig> sensors() const;
+
+    // ---- faults at run time (tests)
+    size_t cameraCount() const;
+    int cameraOf(size_t sensor) const;  // -1 for an unknown sensor
+    ArgusCameraFaults cameraFaults(size_t camera) const;
+    // Replaces the camera's faults. Freeze and capture-error times count from
+    // the camera's next first repeat under a provider; the others act at once.
+    void setCameraFaults(size_t camera, ArgusCameraFaults faults);
+    // The camera stops delivering now, until the provider is destroyed.
+    void freezeNow(size_t camera);
 
     // ---- observation (tests)
     int createProviderCalls() const;
     int destroyProviderCalls() const;
     bool providerCreated() const;
+    int providerFailuresLeft() const;
     int sessionsCreated() const;  // successful createCaptureSession calls
     int liveSessions() const;
     // The sensor index of a device handle, or -1.
     int indexOf(platform::argus_types::CameraDevice* device) const;
+    // A sensor's stream state, brought up to the clock's now first.
+    ArgusSensorState sensorState(size_t sensor);
+    bool cameraFrozen(size_t camera);
+    bool cameraCaptureError(size_t camera);
+    int liveStreams() const;
+    int liveConsumers() const;
+    int liveFrames() const;
+    int liveNvBuffers() const;
 
     // ---- discovery
     bool createProvider() override;
@@ -84,7 +118,7 @@ public:
     bool getFrameDurationRange(platform::argus_types::SensorMode* mode,
                                platform::argus_types::Range<uint64_t>& range) override;
 
-    // ---- capture: not simulated yet
+    // ---- capture
     platform::argus_types::OutputStreamSettings* createEglOutputStreamSettings(
         platform::argus_types::CaptureSession* session) override;
     platform::argus_types::OutputStream* createOutputStream(
@@ -174,35 +208,63 @@ public:
     int surfaceToRaw(int fd, uint32_t plane, uint32_t width, uint32_t height, unsigned char* out) override;
     int destroyNvBuffer(int fd) override;
 
-protected:
-    struct Mode {
-        ArgusSensorModeConfig config;
-    };
-    struct Sensor {
-        ArgusSensorConfig config;
-        std::vector<std::unique_ptr<Mode>> modes;
-        int sessions = 0;  // live sessions of this process on it
-    };
-    struct Session {
-        std::vector<Sensor*> sensors;
-    };
+private:
+    using Key = argus_records::Key;
+    using Sensor = argus_records::Sensor;
+    using Mode = argus_records::Mode;
+    using Camera = argus_records::Camera;
+    using Session = argus_records::Session;
 
-    // Under mutex_: the sensor behind a handle while the provider exists, or null.
+    // Discovery look-ups, under mutex_: the record behind a handle while the
+    // provider exists, or null.
     Sensor* sensorLocked(platform::argus_types::CameraDevice* device) const;
     Mode* modeLocked(platform::argus_types::SensorMode* mode) const;
     Session* sessionLocked(platform::argus_types::CaptureSession* session) const;
+    int modeIndexLocked(const Sensor& sensor, const Mode* mode) const;
+
+    // Frame timing (SimArgusTiming.cpp), under mutex_.
+    void advanceLocked(int64_t nowNs);
+    void noteCameraFaultsLocked(Camera& camera, int64_t nowNs);
+    void deliverLocked(Sensor& sensor, int64_t nowNs);
+    int64_t cutOffLocked(const Sensor& sensor) const;
+    int64_t delayLocked(const Sensor& sensor) const;
+    int64_t nextAvailableLocked(const Sensor& sensor) const;
+    argus_records::FrameInfo frameInfoLocked(const Sensor& sensor, int64_t index) const;
+    void updateLineLocked(Camera& camera);
+    void startRunLocked(Sensor& sensor, Key session, const argus_records::Request& request,
+                        const ArgusSensorModeConfig& mode, int64_t nowNs);
+    void stopRunLocked(Sensor& sensor);
+    void stopSessionLocked(Key session, int64_t nowNs);
+    void destroySessionLocked(Key session, int64_t nowNs);
+    void destroyStreamLocked(Key stream);
+    void destroyConsumerLocked(Key consumer);
+    void endProviderLocked(int64_t nowNs);
+    const ArgusSensorModeConfig* modeForLocked(const Sensor& sensor,
+                                               const ArgusRequestSettings& settings) const;
+    argus_records::Request* requestLocked(platform::argus_types::Request* request) const;
+    std::shared_ptr<const FrameGenerator> generatorLocked(platform::argus_types::Size2D size);
+
+    static uintptr_t nextInstance();
 
     mutable std::mutex mutex_;
+    const uintptr_t instance_ = nextInstance();
     std::vector<std::unique_ptr<Sensor>> sensors_;
-    std::set<Session*> sessions_;  // owned
+    std::vector<std::unique_ptr<Camera>> cameras_;
+    argus_records::HandleTable<Session> sessions_{instance_, 1};
+    argus_records::HandleTable<argus_records::StreamSettings> settings_{instance_, 2};
+    argus_records::HandleTable<argus_records::Stream> streams_{instance_, 3};
+    argus_records::HandleTable<argus_records::Request> requests_{instance_, 4};
+    argus_records::HandleTable<argus_records::Consumer> consumers_{instance_, 5};
+    argus_records::HandleTable<argus_records::Frame> frames_{instance_, 6};
+    std::map<int, argus_records::NvBuffer> buffers_;
+    int nextBuffer_ = 1000;
+    std::map<std::pair<uint32_t, uint32_t>, std::shared_ptr<const FrameGenerator>> generators_;
     bool providerUnavailable_ = false;
+    int providerFailures_ = 0;
     bool providerCreated_ = false;
     int createCalls_ = 0;
     int destroyCalls_ = 0;
     int sessionsCreated_ = 0;
-
-public:
-    ~SimArgus() override;
 };
 
 }  // namespace sim

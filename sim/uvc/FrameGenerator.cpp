@@ -77,4 +77,19 @@ void FrameGenerator::render(uint64_t index, uint8_t* dst, size_t bytes, bool tor
     }
 }
 
+void FrameGenerator::renderView(uint64_t index, int view, uint8_t* dst, size_t pitch, int width,
+                                int height) const {
+    if (dst == nullptr || width <= 0 || height <= 0 || view < 0 || view > 1)
+        return;
+    const size_t viewBytes = static_cast<size_t>(viewPairs_) * 4;
+    const size_t n = std::min(static_cast<size_t>(width) * 2, viewBytes);
+    const size_t offset = static_cast<size_t>(index % kPeriod) * 4;
+    const int rows = std::min(height, height_);
+    for (int row = 0; row < rows; ++row) {
+        const size_t sceneRow = static_cast<size_t>(row) * sceneRows_ / height_;
+        const uint8_t* src = scene_.data() + (sceneRow * 2 + static_cast<size_t>(view)) * segment_ + offset;
+        std::memcpy(dst + static_cast<size_t>(row) * pitch, src, n);
+    }
+}
+
 }  // namespace sim

@@ -37,6 +37,11 @@ public:
 
     // Writes frame `index` (only its first `bytes` bytes, for a short frame).
     void render(uint64_t index, uint8_t* dst, size_t bytes, bool torn) const;
+    // Writes one view (0 left, 1 right) of frame `index` alone, as a camera
+    // with one stream per sensor gives it: the top-left `width` x `height`
+    // pixels of the view (at most width() / 2 x height()), each row of
+    // width * 2 bytes at dst + row * pitch. The rows are those of render().
+    void renderView(uint64_t index, int view, uint8_t* dst, size_t pitch, int width, int height) const;
     // Rows [tornBegin, tornEnd) carry the distant frame in a torn frame.
     int tornBegin() const { return tornBegin_; }
     int tornEnd() const { return tornEnd_; }

@@ -161,19 +161,22 @@ TEST(SimArgus, PropertiesAndSensorModesComeFromTheScenario) {
     EXPECT_FALSE(argus->getResolution(nullptr, size));
 }
 
-TEST(SimArgus, CaptureIsNotSimulatedYet) {
+TEST(SimArgus, CaptureObjectsNeedALiveSession) {
     auto machine = machineFrom("{\"type\": \"gmsl_camera\", \"bus\": 30, \"serial\": 1, \"sub_model\": 30}");
     auto argus = sim::SimArgus::of(*machine);
     ASSERT_TRUE(argus->createProvider());
     const auto devices = devicesOf(*argus);
-    at::Status status = at::STATUS_OK;
+    at::Status status = at::STATUS_UNIMPLEMENTED;
     at::CaptureSession* session = argus->createCaptureSession(devices[0], &status);
     ASSERT_NE(session, nullptr);
+    EXPECT_NE(argus->createEglOutputStreamSettings(session), nullptr);
+    EXPECT_NE(argus->createPreviewRequest(session, &status), nullptr);
+    EXPECT_EQ(status, at::STATUS_OK);
+    EXPECT_EQ(argus->repeat(session, nullptr), at::STATUS_INVALID_PARAMS);
+    EXPECT_EQ(argus->acquireFrame(nullptr, 0, &status), nullptr);
+    EXPECT_EQ(status, at::STATUS_INVALID_PARAMS);
+    argus->destroyCaptureSession(session);
     EXPECT_EQ(argus->createEglOutputStreamSettings(session), nullptr);
     EXPECT_EQ(argus->createPreviewRequest(session, &status), nullptr);
-    EXPECT_EQ(status, at::STATUS_UNIMPLEMENTED);
-    EXPECT_EQ(argus->repeat(session, nullptr), at::STATUS_UNIMPLEMENTED);
-    EXPECT_EQ(argus->acquireFrame(nullptr, 0, &status), nullptr);
-    EXPECT_EQ(status, at::STATUS_UNIMPLEMENTED);
-    argus->destroyCaptureSession(session);
+    EXPECT_EQ(status, at::STATUS_INVALID_PARAMS);
 }
