@@ -1,12 +1,16 @@
 // Scenario types of the GMSL cameras: "gmsl_camera" (the identification
-// EEPROM on an I2C bus and the camera's sensors in the simulated Argus) and
-// "argus" (faults of the camera service itself).
+// EEPROM on an I2C bus, the camera's sensors in the simulated Argus and its
+// inertial chip on the same bus) and "argus" (faults of the camera service
+// itself).
+
+#include <stdexcept>
 
 #include "sim/Builtins.h"
 #include "sim/Registry.h"
 #include "sim/argus/GmslFrameSync.h"
 #include "sim/argus/GmslScenario.h"
 #include "sim/argus/SimArgus.h"
+#include "sim/imu/GmslImu.h"
 
 namespace sim {
 
@@ -49,19 +53,15 @@ std::string readModuleId(const Entry& e, const std::string& fallback) {
 }
 
 void addGmslCamera(const Entry& e, Machine& m) {
-    // The camera's inertial chip will be its own model on the same bus; until
-    // then the field is refused rather than ignored.
-    if (e.has("imu"))
-        e.fail("imu", "the inertial chip of a GMSL camera is not simulated yet");
     e.allowOnly({"type", "comment", "bus", "address", "serial", "version", "sub_model", "counter", "claimed",
-                 "in_use", "modes", "sensors", "faults"});
+                 "in_use", "modes", "sensors", "faults", "imu"});
     const int number = static_cast<int>(e.integer("bus", 0, 255));
     const int address = static_cast<int>(e.integer("address", 0x55, 0x03, 0x77));
     if (address != 0x55 && address != 0x57)
         e.fail("address", "a camera EEPROM answers at 0x55 or 0x57");
     const int subModel = static_cast<int>(e.integer("sub_model", 0, 255));
-    auto eeprom = makeCameraEeprom(static_cast<uint32_t>(e.integer("serial", 0, 0xFFFFFFFFLL)),
-                                   static_cast<uint8_t>(e.integer("version", 0x11, 0, 255)),
+    const uint32_t serial = static_cast<uint32_t>(e.integer("serial", 0, 0xFFFFFFFFLL));
+    auto eeprom = makeCameraEeprom(serial, static_cast<uint8_t>(e.integer("version", 0x11, 0, 255)),
                                    static_cast<uint8_t>(subModel),
                                    static_cast<uint8_t>(e.integer("counter", 1, 0, 255)));
 
@@ -75,6 +75,15 @@ void addGmslCamera(const Entry& e, Machine& m) {
         claimed = e.integers("claimed", 0x03, 0x77);
     for (int64_t a : claimed)
         bus->claim(static_cast<uint16_t>(a));
+
+    // The inertial chip on the same bus, and its calibration image in the
+    // EEPROM blocks after the identification block.
+    const GmslImuConfig imu = e.has("imu") ? readGmslImuConfig(e.object("imu")) : GmslImuConfig{};
+    try {
+        attachGmslImu(m, number, address, serial, imu);
+    } catch (const std::invalid_argument& conflict) {
+        e.fail("imu", conflict.what());
+    }
 
     const SensorDefaults d = defaultsOf(subModel);
     const bool inUse = e.boolean("in_use", false);

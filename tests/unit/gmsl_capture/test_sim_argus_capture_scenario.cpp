@@ -112,7 +112,9 @@ TEST(SimArgusScenario, BadFieldsAreNamed) {
         {withFaults("{\"second_sensor_offset_us\": 2000000}"), "devices[0].faults.second_sensor_offset_us"},
         {withFaults("{\"second_sensor_lag_frames\": 1}", true), "devices[0].faults.second_sensor_lag_frames"},
         {withFaults("{\"second_sensor_offset_us\": 10}", true), "devices[0].faults.second_sensor_offset_us"},
-        {stereoCamera(30, "\"imu\": {\"type\": \"bmi088\"}"), "devices[0].imu"},
+        {stereoCamera(30, "\"imu\": {\"type\": \"bmi088\"}"), "devices[0].imu.type"},
+        {stereoCamera(30, "\"imu\": {\"acc_drift_ppm\": 5000}"), "devices[0].imu.acc_drift_ppm"},
+        {stereoCamera(30, "\"imu\": 3"), "devices[0].imu"},
         {stereoCamera(30,
                       "\"modes\": [{\"width\": 640, \"height\": 480, \"fps\": [30], \"exposure_us\": [5]}]"),
          "devices[0].modes[0].exposure_us"},
@@ -154,8 +156,6 @@ TEST(SimArgusScenario, MessagesSayWhatIsExpected) {
               "expected 1 <= min <= max <= 1e+07, got [50, 5]");
     EXPECT_EQ(refusalOf(withFaults("{\"second_sensor_lag_frames\": 1}", true)).problem,
               "the camera has 1 sensor(s): there is no second sensor");
-    EXPECT_EQ(refusalOf(stereoCamera(30, "\"imu\": {}")).problem,
-              "the inertial chip of a GMSL camera is not simulated yet");
     EXPECT_EQ(refusalOf("{\"type\": \"argus\", \"faults\": [{\"name\": \"frozen\"}]}").problem,
               "unknown fault \"frozen\" (known: provider_unavailable)");
 }
