@@ -611,8 +611,9 @@ float IMUGMSLReader::getCurrentIMUTemperatureInCelsius(bool) {
 
 McuSensorReport IMUGMSLReader::getSensorData() {
     std::lock_guard<std::mutex> lock(sample_mutex);
-    current_report.sync_capabilities = synchronised.load();
     sensor_data = current_report;
+    // Known from the first marked sample on, even before it is taken in.
+    sensor_data.sync_capabilities = synchronised.load();
     return sensor_data;
 }
 
