@@ -29,7 +29,8 @@ struct Rig {
     int64_t nowNs() { return clock->steadyNanoseconds(); }
 
 private:
-    static platform::Backend backend(std::shared_ptr<FakeImuBus> sys, std::shared_ptr<platform::Clock> clock) {
+    static platform::Backend backend(std::shared_ptr<FakeImuBus> sys,
+                                     std::shared_ptr<platform::Clock> clock) {
         platform::Backend b;
         b.sys = std::move(sys);
         b.clock = std::move(clock);

@@ -54,10 +54,12 @@ TEST(Bmi08xInterface, I2CSetsTheBusFunctionsAndChunkLength) {
 TEST(Bmi08xInterface, SpiIsRefusedWithItsMessage) {
     bmi08x_dev dev;
     testing::internal::CaptureStdout();
-    EXPECT_EQ(bmi08x_interface_init(&dev, BMI08X_INTF_SPI, 7, 0x68, BMI08X_VARIANT_BMI088), BMI08X_ERR_INTERFACE);
+    EXPECT_EQ(bmi08x_interface_init(&dev, BMI08X_INTF_SPI, 7, 0x68, BMI08X_VARIANT_BMI088),
+              BMI08X_ERR_INTERFACE);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "NIMPL : SPI Interface \n");
     EXPECT_EQ(dev.read, nullptr);
-    EXPECT_EQ(bmi08x_interface_init(nullptr, BMI08X_INTF_I2C, 7, 0x68, BMI08X_VARIANT_BMI088), BMI08X_ERR_NULL);
+    EXPECT_EQ(bmi08x_interface_init(nullptr, BMI08X_INTF_I2C, 7, 0x68, BMI08X_VARIANT_BMI088),
+              BMI08X_ERR_NULL);
 }
 
 TEST(Bmi08xInterface, DelayGoesThroughThePlatformClock) {
@@ -173,7 +175,8 @@ TEST(Bmi08xAccel, PowerActiveWritesConfThenCtrl) {
     ASSERT_EQ(bmi08a_set_power_mode(&r.acc), BMI08X_OK);
     r.acc.accel_cfg.power = BMI08A_PM_SUSPEND;
     ASSERT_EQ(bmi08a_set_power_mode(&r.acc), BMI08X_OK);
-    EXPECT_EQ(writesOf(*r.bus, 0x18), (Expected{{0x7C, {0x00}}, {0x7D, {0x04}}, {0x7C, {0x03}}, {0x7D, {0x00}}}));
+    EXPECT_EQ(writesOf(*r.bus, 0x18),
+              (Expected{{0x7C, {0x00}}, {0x7D, {0x04}}, {0x7C, {0x03}}, {0x7D, {0x00}}}));
     r.acc.accel_cfg.power = 0x01;
     r.bus->clearLog();
     EXPECT_EQ(bmi08a_set_power_mode(&r.acc), BMI08X_ERR_RANGE);
@@ -355,7 +358,7 @@ TEST(Bmi08xAccel, TemperatureFormula) {
     // t11 = MSB * 8 + (LSB >> 5), negative above 1023; 0.125 degC a count, 23 at 0.
     EXPECT_EQ(bmi08a_temperature_from_registers(0x00, 0x00), 23000);
     EXPECT_EQ(bmi08a_temperature_from_registers(0x00, 0x20), 23125);
-    EXPECT_EQ(bmi08a_temperature_from_registers(0x7F, 0xE0), 150875);  // 1023
+    EXPECT_EQ(bmi08a_temperature_from_registers(0x7F, 0xE0), 150875);   // 1023
     EXPECT_EQ(bmi08a_temperature_from_registers(0x80, 0x00), -105000);  // 1024 -> -1024
     EXPECT_EQ(bmi08a_temperature_from_registers(0xFF, 0xE0), 22875);    // 2047 -> -1
     EXPECT_EQ(bmi08a_temperature_from_registers(0x02, 0x1F), 25000);    // 16, low bits ignored
@@ -488,14 +491,10 @@ TEST(Bmi08xAccel, ConfigBlobGoesInChunksWithItsPosition) {
     // Positions in words: 0 -> (0, 0); 16 bytes = 8 words -> (8, 0); 32 bytes =
     // 16 words -> (0, 1).
     const Expected expected = {
-        {0x7C, {0x00}},
-        {0x59, {0x00}},
-        {0x5B, {0x00, 0x00}},
-        {0x5E, std::vector<uint8_t>(blob.begin(), blob.begin() + 16)},
-        {0x5B, {0x08, 0x00}},
-        {0x5E, std::vector<uint8_t>(blob.begin() + 16, blob.begin() + 32)},
-        {0x5B, {0x00, 0x01}},
-        {0x5E, std::vector<uint8_t>(blob.begin() + 32, blob.end())},
+        {0x7C, {0x00}},       {0x59, {0x00}},
+        {0x5B, {0x00, 0x00}}, {0x5E, std::vector<uint8_t>(blob.begin(), blob.begin() + 16)},
+        {0x5B, {0x08, 0x00}}, {0x5E, std::vector<uint8_t>(blob.begin() + 16, blob.begin() + 32)},
+        {0x5B, {0x00, 0x01}}, {0x5E, std::vector<uint8_t>(blob.begin() + 32, blob.end())},
         {0x59, {0x01}},
     };
     EXPECT_EQ(writesOf(*r.bus, 0x18), expected) << describe(writesOf(*r.bus, 0x18));
