@@ -311,15 +311,15 @@ private:
     int64_t next_due_ns_ = 0;
 };
 
-// The buses. All calls are serialised by one mutex; tests that script the
-// chips while reader threads run do it under lock().
+// The buses. All calls are serialised by one mutex. The chip accessors hand
+// out plain pointers: tests script the chips through them only while no
+// reader thread runs, and read registers of a running chip with
+// gyroRegister().
 class FakeImuBus : public platform::Sys {
 public:
     struct Bus {
         std::map<uint8_t, std::shared_ptr<FakeDevice>> devices;
     };
-
-    std::mutex& mutex() { return mutex_; }
 
     // A camera: EEPROM blocks at base .. base + 3 with the identification
     // block (serial u32 at 0, version 0x11 at 4, sub-model at 5), and the
@@ -349,6 +349,12 @@ public:
     FakeAccel* accel(int bus) { return deviceAs<FakeAccel>(bus, 0x18); }
     FakeGyro* gyro(int bus) { return deviceAs<FakeGyro>(bus, 0x68); }
     FakeEepromBlock* eepromBlock(int bus, uint8_t address) { return deviceAs<FakeEepromBlock>(bus, address); }
+    // A register of a part, read under the lock (while reader threads run).
+    uint8_t gyroRegister(int bus, uint8_t reg) {
+        FakeGyro* g = gyro(bus);
+        std::lock_guard<std::mutex> lock(mutex_);
+        return g ? g->regs[reg] : 0;
+    }
 
     // Writes with data to one address, in order (pointer-only writes left out).
     std::vector<RegWrite> writesTo(uint8_t address) const {
