@@ -38,6 +38,13 @@ private:
     }
 };
 
+// A copy of a value: fields of packed records must not be bound to the
+// references that the comparison macros take.
+template <typename T>
+T val(T v) {
+    return v;
+}
+
 using Expected = std::vector<std::pair<uint8_t, std::vector<uint8_t>>>;
 
 // The register writes of one address as (register, data) pairs.

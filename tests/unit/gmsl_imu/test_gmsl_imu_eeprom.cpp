@@ -78,14 +78,14 @@ TEST(GmslImuEeprom, ImageComesFromTheBlocksBehindTheIdentification) {
     r.storeImage(image);
     ASSERT_TRUE(r.reader.updateEepromMemory(false));
     const eepromMemoryStrc got = r.reader.getEepromMemory(false);
-    EXPECT_EQ(got.serial.serial_body, 123456);
-    EXPECT_EQ(got.bias.gyro_bias[0], 0.f);
-    EXPECT_FLOAT_EQ(got.bias.acc_bias[0], 0.21f);
-    EXPECT_FLOAT_EQ(got.variance.gyro_var[1], 1e-5f);
-    EXPECT_EQ(got.ext_gyro_calib.bias[0], 0.f);
-    EXPECT_EQ(got.ext_gyro_calib.temp_scale[0], 0.f);
-    EXPECT_FLOAT_EQ(got.ext_gyro_calib.scale[2], 1.01f);
-    EXPECT_FLOAT_EQ(got.ext_acc_calib.scale[0], 0.99f);
+    EXPECT_EQ(val(got.serial.serial_body), 123456);
+    EXPECT_EQ(val(got.bias.gyro_bias[0]), 0.f);
+    EXPECT_FLOAT_EQ(val(got.bias.acc_bias[0]), 0.21f);
+    EXPECT_FLOAT_EQ(val(got.variance.gyro_var[1]), 1e-5f);
+    EXPECT_EQ(val(got.ext_gyro_calib.bias[0]), 0.f);
+    EXPECT_EQ(val(got.ext_gyro_calib.temp_scale[0]), 0.f);
+    EXPECT_FLOAT_EQ(val(got.ext_gyro_calib.scale[2]), 1.01f);
+    EXPECT_FLOAT_EQ(val(got.ext_acc_calib.scale[0]), 0.99f);
     std::string date;
     ASSERT_TRUE(r.reader.getDataSavingTime(date));
     EXPECT_EQ(date, "2026/01/02 03:04:05 UTC");
@@ -115,7 +115,7 @@ TEST(GmslImuEeprom, AShortReadFailsTheWholeImage) {
     testing::internal::CaptureStdout();
     EXPECT_FALSE(r.reader.updateEepromMemory(true));
     EXPECT_NE(testing::internal::GetCapturedStdout().find("image offset 256"), std::string::npos);
-    EXPECT_EQ(r.reader.getEepromMemory(false).serial.serial_body, 0) << "the image stays as it was";
+    EXPECT_EQ(val(r.reader.getEepromMemory(false).serial.serial_body), 0) << "the image stays as it was";
     EXPECT_EQ(r.bus->openDescriptors(), 2);
 }
 
@@ -199,7 +199,7 @@ TEST(GmslImuEeprom, RecordsGoToTheirImageOffsets) {
     EXPECT_FLOAT_EQ(f, 0.01f);
     std::memcpy(&f, &r.bus->eepromBlock(30, 0x56)->bytes[9 + 13], 4);
     EXPECT_FLOAT_EQ(f, 0.1f);
-    EXPECT_FLOAT_EQ(r.reader.getEepromMemory(false).bias.acc_bias[2], 0.3f);
+    EXPECT_FLOAT_EQ(val(r.reader.getEepromMemory(false).bias.acc_bias[2]), 0.3f);
 
     ASSERT_TRUE(r.reader.sendWriteVarianceCommand(1e-4f, 0, 0, 0, 0, 2e-3f));
     EXPECT_EQ(r.at(0x100 + 34), 0x35);
@@ -219,11 +219,11 @@ TEST(GmslImuEeprom, RecordsGoToTheirImageOffsets) {
     // What was written reads back as the image.
     ASSERT_TRUE(r.reader.updateEepromMemory(true));
     const eepromMemoryStrc got = r.reader.getEepromMemory(false);
-    EXPECT_FLOAT_EQ(got.bias.gyro_bias[1], 0.02f);
-    EXPECT_FLOAT_EQ(got.variance.acc_var[2], 2e-3f);
-    EXPECT_FLOAT_EQ(got.cam_imu.rot[2], 0.003f);
-    EXPECT_FLOAT_EQ(got.ext_gyro_calib.temp_scale[2], 0.05f);
-    EXPECT_FLOAT_EQ(got.ext_acc_calib.bias[1], 0.5f);
+    EXPECT_FLOAT_EQ(val(got.bias.gyro_bias[1]), 0.02f);
+    EXPECT_FLOAT_EQ(val(got.variance.acc_var[2]), 2e-3f);
+    EXPECT_FLOAT_EQ(val(got.cam_imu.rot[2]), 0.003f);
+    EXPECT_FLOAT_EQ(val(got.ext_gyro_calib.temp_scale[2]), 0.05f);
+    EXPECT_FLOAT_EQ(val(got.ext_acc_calib.bias[1]), 0.5f);
 }
 
 TEST(GmslImuEeprom, SerialNumberWriteAndSplit) {
@@ -284,11 +284,11 @@ TEST(GmslImuPlayback, HeaderGivesSerialAndImage) {
     ASSERT_EQ(reader.is_replay, 1);
     EXPECT_EQ(reader.open(0, true, false), 4242);
     EXPECT_FLOAT_EQ(reader.start_yaw, 1.5f);
-    EXPECT_FLOAT_EQ(reader.getEepromMemory(false).bias.gyro_bias[0], 0.21f) << "taken as recorded";
+    EXPECT_FLOAT_EQ(val(reader.getEepromMemory(false).bias.gyro_bias[0]), 0.21f) << "taken as recorded";
     EXPECT_TRUE(rig.bus->openedPaths().empty());
     ASSERT_TRUE(reader.sendStartDataStreamingCommand());
     ASSERT_TRUE(reader.updateIMUData(true));
-    EXPECT_EQ(reader.current_report.gyro_x, 77);
+    EXPECT_EQ(val(reader.current_report.gyro_x), 77);
     EXPECT_EQ(reader.getCurrentMCUTimeStamp(), 10000u);
     EXPECT_EQ(reader.sync_event, 1);
     EXPECT_EQ(reader.getRVFFrameTS(), 99u);
@@ -340,10 +340,10 @@ TEST(GmslImuRecording, HeaderAndRecordsOfTakenSamples) {
     std::vector<sidRecord> records;
     std::string error;
     ASSERT_TRUE(readSIDFile(path, header, records, error)) << error;
-    EXPECT_EQ(header.serial_number, kSerial);
-    EXPECT_FLOAT_EQ(header.start_yaw, 0.25f);
+    EXPECT_EQ(val(header.serial_number), kSerial);
+    EXPECT_FLOAT_EQ(val(header.start_yaw), 0.25f);
     ASSERT_EQ(records.size(), 1u);
-    EXPECT_EQ(records[0].report.gyro_x, 5);
-    EXPECT_EQ(records[0].report.timestamp, 256u) << "10000 us in 39.0625-us ticks";
+    EXPECT_EQ(val(records[0].report.gyro_x), 5);
+    EXPECT_EQ(val(records[0].report.timestamp), 256u) << "10000 us in 39.0625-us ticks";
     std::remove(path.c_str());
 }

@@ -366,35 +366,35 @@ TEST(GmslImuUpdate, SampleCountsTimesAndSync) {
 
     ASSERT_TRUE(rd.updateIMUData(false));
     EXPECT_EQ(rd.has_new_data, 1);
-    EXPECT_EQ(rd.current_report.gyro_x, 1);
-    EXPECT_EQ(rd.current_report.gyro_y, -2);
-    EXPECT_EQ(rd.current_report.gyro_z, -3);
-    EXPECT_EQ(rd.current_report.acc_x, 10);
-    EXPECT_EQ(rd.current_report.acc_y, -20);
-    EXPECT_EQ(rd.current_report.acc_z, -30);
-    EXPECT_EQ(rd.current_report.imu_not_valid, 0);
-    EXPECT_EQ(rd.current_report.frame_sync, 0);
+    EXPECT_EQ(val(rd.current_report.gyro_x), 1);
+    EXPECT_EQ(val(rd.current_report.gyro_y), -2);
+    EXPECT_EQ(val(rd.current_report.gyro_z), -3);
+    EXPECT_EQ(val(rd.current_report.acc_x), 10);
+    EXPECT_EQ(val(rd.current_report.acc_y), -20);
+    EXPECT_EQ(val(rd.current_report.acc_z), -30);
+    EXPECT_EQ(val(rd.current_report.imu_not_valid), 0);
+    EXPECT_EQ(val(rd.current_report.frame_sync), 0);
     EXPECT_EQ(rd.sync_event, 0);
     EXPECT_EQ(rd.getCurrentMCUTimeStamp(), 5000000u);
     // The host time on the wall clock: the stepped clock's wall clock is its
     // steady time plus its epoch.
     const uint64_t epoch = static_cast<uint64_t>(r.clock->systemNanoseconds() - r.clock->steadyNanoseconds());
     EXPECT_EQ(rd.getCurrentBHIMUTimestamp(), 5000000000ull + epoch);
-    EXPECT_EQ(rd.getSensorData().sync_capabilities, 0);
+    EXPECT_EQ(val(rd.getSensorData().sync_capabilities), 0);
 
     rd.synchronised = 1;  // as the merge sets it with a marked sample
     rd.setSwapLR(1);
     ASSERT_TRUE(rd.updateIMUData(false));
-    EXPECT_EQ(rd.current_report.gyro_x, -1);
-    EXPECT_EQ(rd.current_report.gyro_y, 2);
-    EXPECT_EQ(rd.current_report.gyro_z, -3);
-    EXPECT_EQ(rd.current_report.acc_x, -10);
-    EXPECT_EQ(rd.current_report.acc_y, 20);
-    EXPECT_EQ(rd.current_report.frame_sync, 1);
+    EXPECT_EQ(val(rd.current_report.gyro_x), -1);
+    EXPECT_EQ(val(rd.current_report.gyro_y), 2);
+    EXPECT_EQ(val(rd.current_report.gyro_z), -3);
+    EXPECT_EQ(val(rd.current_report.acc_x), -10);
+    EXPECT_EQ(val(rd.current_report.acc_y), 20);
+    EXPECT_EQ(val(rd.current_report.frame_sync), 1);
     EXPECT_EQ(rd.sync_event, 1);
     EXPECT_EQ(rd.getDeltaTime_us(), 2500u);
     EXPECT_EQ(rd.getCurrentBHIMUTimestamp(), 5002500000ull + epoch);
-    EXPECT_EQ(rd.getSensorData().sync_capabilities, 1);
+    EXPECT_EQ(val(rd.getSensorData().sync_capabilities), 1);
     EXPECT_FLOAT_EQ(rd.getCurrentIMUTemperatureInCelsius(false), 31.5f);
     EXPECT_FALSE(rd.updateIMUData(false));
 }

@@ -71,7 +71,7 @@ TEST(GmslImuThreads, MergedSamplesComeOutInOrderAndStopJoins) {
     EXPECT_GT(mean_us, 1000.0);
     EXPECT_LT(mean_us, 10000.0);
     EXPECT_GE(syncs, 1) << "every tenth frame carries the frame-start mark";
-    EXPECT_EQ(reader.getSensorData().sync_capabilities, 1);
+    EXPECT_EQ(val(reader.getSensorData().sync_capabilities), 1);
 
     ASSERT_TRUE(reader.sendStopDataStreamingCommand());
     EXPECT_FALSE(reader.threadsJoinable());
