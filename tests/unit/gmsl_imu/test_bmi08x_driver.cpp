@@ -4,6 +4,7 @@
 // expected bytes come from the chip's register map.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "GmslImuTestSupport.h"
@@ -522,4 +523,62 @@ TEST(Bmi08xAccel, ConfigBlobOfBadSizeWritesNothing) {
     r.acc.read_write_len = 3;
     EXPECT_EQ(bmi08a_load_config_file(&r.acc, blob, 4), BMI08X_ERR_INPUT);
     EXPECT_TRUE(r.bus->writesTo(0x18).empty());
+}
+
+// ---------------------------------------------------------------- arbitrary bytes
+
+TEST(Bmi08xFuzz, ExtractTakesAnyBytesWithinItsBounds) {
+    uint32_t seed = 12345;
+    auto next = [&seed] {
+        seed = seed * 1664525u + 1013904223u;
+        return seed >> 8;
+    };
+    uint8_t bytes[64];
+    bmi08x_sensor_data out[12];
+    for (int round = 0; round < 5000; ++round) {
+        for (uint8_t& b : bytes)
+            b = static_cast<uint8_t>(next());
+        // Now and then an empty-FIFO frame somewhere.
+        if (round % 7 == 0) {
+            const size_t at = 6 * (next() % 10);
+            for (size_t k = 0; k < 6; k += 2) {
+                bytes[at + k] = 0x00;
+                bytes[at + k + 1] = 0x80;
+            }
+        }
+        bmi08g_fifo_buffer fifo;
+        fifo.data = bytes;
+        fifo.capacity = static_cast<uint16_t>(next() % 65);
+        fifo.length = static_cast<uint16_t>(next() % 200);  // may claim more than the buffer
+        const uint8_t room = static_cast<uint8_t>(next() % 13);
+        uint8_t n = room;
+        ASSERT_EQ(bmi08g_extract_gyro(out, &n, &fifo), BMI08X_OK);
+        const size_t usable = std::min<size_t>(fifo.length, fifo.capacity) / 6;
+        ASSERT_LE(n, room);
+        ASSERT_LE(n, usable);
+        for (uint8_t i = 0; i < n; ++i) {
+            const uint8_t* f = bytes + 6 * i;
+            ASSERT_EQ(static_cast<uint16_t>(out[i].x), f[0] | (f[1] << 8));
+            ASSERT_EQ(static_cast<uint16_t>(out[i].z), f[4] | (f[5] << 8));
+            ASSERT_EQ(out[i].sync, f[4] & 1);
+        }
+    }
+}
+
+TEST(Bmi08xFuzz, AStatusClaimingMoreFramesThanFitReadsOnlyWhatFits) {
+    DriverRig r;
+    for (int i = 0; i < 100; ++i)
+        r.chipG().pushFrame(1, 2, 3);
+    r.chipG().pushFrame(4, 5, 6);  // the 101st: the oldest goes, overrun
+    uint8_t buffer[40];
+    std::fill(buffer, buffer + sizeof(buffer), 0xEE);
+    bmi08g_fifo_buffer fifo;
+    fifo.data = buffer;
+    fifo.capacity = 38;  // six frames and two spare bytes
+    ASSERT_EQ(bmi08g_read_fifo_data(&r.gyro, &fifo), BMI08X_OK);
+    EXPECT_EQ(fifo.frames_available, 100);
+    EXPECT_EQ(fifo.overrun, 1);
+    EXPECT_EQ(fifo.length, 36);
+    EXPECT_EQ(buffer[36], 0xEE) << "nothing past the whole frames";
+    EXPECT_EQ(buffer[39], 0xEE);
 }

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "GmslImuTestSupport.h"
 #include "bh_input/mcu/IMU/IMUGMSLReader.h"
@@ -345,5 +346,38 @@ TEST(GmslImuRecording, HeaderAndRecordsOfTakenSamples) {
     ASSERT_EQ(records.size(), 1u);
     EXPECT_EQ(val(records[0].report.gyro_x), 5);
     EXPECT_EQ(val(records[0].report.timestamp), 256u) << "10000 us in 39.0625-us ticks";
+    std::remove(path.c_str());
+}
+
+TEST(GmslImuPlayback, RecordingsOfEveryLengthOpenOrAreRefused) {
+    Rig rig;
+    const std::string path = tempPath("gmsl_imu_playback_lengths.sid");
+    sidFileHeader header{};
+    header.version = 1;
+    header.serial_number = 77;
+    std::vector<uint8_t> bytes(sizeof(header) + sizeof(sidRecord) + 50, 0x3C);
+    std::memcpy(bytes.data(), &header, sizeof(header));
+    for (size_t length : {size_t(0), size_t(1), size_t(711), size_t(712), size_t(713), size_t(712 + 103),
+                          size_t(712 + 104), bytes.size()}) {
+        FILE* f = std::fopen(path.c_str(), "wb");
+        ASSERT_NE(f, nullptr);
+        if (length)
+            std::fwrite(bytes.data(), 1, length, f);
+        std::fclose(f);
+        IMUGMSLReader reader(false, 11011, 1, false, path);
+        testing::internal::CaptureStdout();
+        const int opened = reader.open(0, true, false);
+        testing::internal::GetCapturedStdout();
+        if (length < 712) {
+            EXPECT_EQ(opened, -1) << length;
+            continue;
+        }
+        EXPECT_EQ(opened, 77) << length;
+        const size_t whole_records = (length - 712) / 104;
+        size_t taken = 0;
+        while (reader.updateIMUData(true))
+            ++taken;
+        EXPECT_EQ(taken, whole_records) << length;
+    }
     std::remove(path.c_str());
 }
