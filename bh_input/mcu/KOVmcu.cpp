@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "bh_input/mcu/IMU/IMUGMSLReader.h"
 #include "bh_input/mcu/IMU/IMUHidReader.h"
 #include "platform/Clock.h"
 #include "support/KLogger.h"
@@ -25,8 +26,14 @@ std::mutex& factoryMutex() {
     return mutex;
 }
 
+// The GMSL models read their inertial chip over I2C; tests put a reader of
+// their own in its place, or none.
 KOVmcu::ReaderFactory& gmslFactory() {
-    static KOVmcu::ReaderFactory factory;
+    static KOVmcu::ReaderFactory factory = [](bool verbose, uint16_t vendor_id, uint16_t product_id,
+                                              bool allow_recording, const std::string& sid_path) {
+        return std::unique_ptr<VirtualIMUReader>(
+            new IMUGMSLReader(verbose, vendor_id, product_id, allow_recording, sid_path));
+    };
     return factory;
 }
 
