@@ -44,9 +44,10 @@ struct IMUCalibExport {
 // writes calibration back to the MCU.
 class KOVmcu {
 public:
-    // Builds the reader the model calls for (HID for the USB models). GMSL
-    // models get their reader from the factory registered by the GMSL layer;
-    // without one the engine has no reader and open() answers FAILURE.
+    // Builds the reader the model calls for: HID for the USB models, the
+    // inertial chip on I2C (IMUGMSLReader) for the GMSL ones. A test may
+    // register another GMSL factory; with an empty one the engine has no
+    // reader and open() answers FAILURE.
     KOVmcu(bool verbose, uint16_t vendor_id, MODEL model, bool allow_recording = false,
            std::string sid_path = "./imu.sid");
     // Takes a reader that is already built (GMSL layer, tests, benchmarks).

@@ -9,14 +9,15 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "platform/Clock.h"
 #include "platform/Platform.h"
 
 namespace {
+// Waits of the bus go through the platform's clock, so tests can step them.
 void sleepMicroseconds(long us) {
-    std::this_thread::sleep_for(std::chrono::microseconds(us));
+    platform::clock().sleepFor(std::chrono::microseconds(us));
 }
 }  // namespace
 
@@ -117,7 +118,7 @@ int I2CHandler::i2c_write(unsigned int reg, const unsigned char* data, int lengt
         }
         done += piece;
         at += static_cast<unsigned>(piece);
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));  // the chip's write cycle
+        sleepMicroseconds(10000);  // the chip's write cycle
     }
     return length;
 }
