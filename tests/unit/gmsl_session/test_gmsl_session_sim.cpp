@@ -1,0 +1,279 @@
+// A GMSL camera through the object callers hold (bh::LiveCameraGrabber) on
+// the simulated camera service and inertial chip: the three modes of the
+// grabbing test, paired frames at the requested rate with their inertial
+// packet, a freeze that the daemon is told of and that the camera recovers
+// from, and no thread left behind.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "bh_input/grabber/GrabberWrapper.h"
+#include "bh_input/grabber/gmsl/GMSLInput.h"
+#include "bh_input/mcu/IMUPacket.h"
+#include "platform/Clock.h"
+#include "tests/unit/gmsl_session/SessionSimSupport.h"
+
+using sessiontest::SessionSimTest;
+using sessiontest::threadCount;
+using sessiontest::waitUntil;
+
+namespace {
+
+struct Mode {
+    int width;  // side by side
+    int height;
+    int fps;
+};
+
+// Counts the frames the wrapper reports over `ms` of real time.
+int countFrames(bh::LiveCameraGrabber& g, int ms) {
+    int frames = 0;
+    const auto start = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() - start < std::chrono::milliseconds(ms)) {
+        if (g.getFrameStatus() == bh::GRABBER_STATE_FRAME) {
+            g.getPixels();
+            ++frames;
+        } else {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+    return frames;
+}
+
+class GmslSessionSim : public SessionSimTest {};
+
+TEST_F(GmslSessionSim, TheThreeModesOfTheGrabbingTestStreamPairsAtTheirRate) {
+    install("gmsl_kov_qg_pico_bus30.json");
+    for (const Mode m : {Mode{3840, 1200, 30}, Mode{3840, 1200, 60}, Mode{1920, 600, 120}}) {
+        SCOPED_TRACE(std::to_string(m.width) + "x" + std::to_string(m.height) + "@" + std::to_string(m.fps));
+        bh::LiveCameraGrabber g(bh::GMSL_INPUT);
+        int id = 0;
+        ASSERT_EQ(g.setUp(id, m.width, m.height, m.fps, 4, false, IMU_ODR_400, false), 0);
+        g.endSetup(nullptr);
+        EXPECT_EQ(g.getEffectiveWidth(), m.width);
+        EXPECT_EQ(g.getEffectiveHeight(), m.height);
+        EXPECT_EQ(static_cast<int>(g.getFPS()), m.fps);
+        EXPECT_EQ(g.getCameraModel(), bh::KOV_QP);
+        EXPECT_EQ(g.getSerialNumber(), 42000123u);
+        EXPECT_TRUE(g.hasMCU());
+
+        const int frames = countFrames(g, 2000);
+        EXPECT_GE(frames, m.fps * 2 * 7 / 10);
+        EXPECT_LE(frames, m.fps * 2 * 11 / 10);
+
+        // One side-by-side row: the right view is the left view 12 pixel
+        // pairs further on (the simulated cameras' disparity).
+        g.enterCriticalSection();
+        const unsigned char* pixels = g.getPixels();
+        ASSERT_NE(pixels, nullptr);
+        const int half = m.width;  // bytes of one view's row: (width / 2) x 2
+        EXPECT_EQ(std::memcmp(pixels + half, pixels + 48, 64), 0);
+        EXPECT_NE(std::memcmp(pixels, pixels + half, 64), 0);
+        g.exitCriticalSection();
+
+        // The frame's inertial packet: the chip's sample nearest the image.
+        bh::IMUPacket packet;
+        EXPECT_TRUE(waitUntil([&] { return g.getIMUPacket(packet) == 1; }, 3000));
+        EXPECT_TRUE(packet.valid);
+        const double distanceMs =
+            std::abs(static_cast<double>(packet.host_timestamp) - static_cast<double>(g.getTimeStamp())) /
+            1e6;
+        EXPECT_LT(distanceMs, 100.0);
+        g.close();
+    }
+    EXPECT_TRUE(waitUntil([&] { return threadCount() <= baseline; }, 3000))
+        << threadCount() << " threads, " << baseline << " before";
+}
+
+TEST_F(GmslSessionSim, SetUpOfAMissingModeNamesTheVideoDevice) {
+    install("gmsl_kov_qg_pico_bus30.json");
+    bh::LiveCameraGrabber g(bh::GMSL_INPUT);
+    int id = 0;
+    EXPECT_EQ(g.setUp(id, 2 * 672, 376, 30, 4, true, IMU_ODR_400, false), 6);  // no VGA mode: 14
+    g.close();
+}
+
+TEST_F(GmslSessionSim, CameraInUseElsewhereCannotStart) {
+    install(R"({"type": "gmsl_camera", "bus": 30, "serial": 42000123, "sub_model": 4, "in_use": true})");
+    bh::LiveCameraGrabber g(bh::GMSL_INPUT);
+    int id = 0;
+    EXPECT_EQ(g.setUp(id, 3840, 1200, 30, 4, true, IMU_ODR_400, false), 6);  // sessions refused: 8
+}
+
+// Frozen 3 s after the first frames: 31 silent acquires on side 0, FROZEN to
+// the daemon, the service restarted (provider deleted and made anew), and
+// the camera streams again. The clock runs 8 times faster than real time.
+TEST_F(GmslSessionSim, AFreezeIsDetectedTheDaemonToldAndFramesComeBack) {
+    const std::vector<int> ports = linktest::freePorts(2);
+    ASSERT_EQ(ports.size(), 2u);
+    const auto unit = root.writeUnit(ports[0], ports[1]);
+    linktest::Daemon daemon(unit, root.path() / "daemon.log", {});
+    ASSERT_TRUE(daemon.waitReady());
+
+    install(R"({"type": "gmsl_camera", "bus": 30, "serial": 42000124, "sub_model": 4,
+                "modes": [{"width": 320, "height": 200, "fps": [15, 30]}],
+                "faults": {"freeze": {"after_s": 3}}})",
+            8.0);
+    {
+        bh::LiveCameraGrabber g(bh::GMSL_INPUT);
+        int id = 0;
+        ASSERT_EQ(g.setUp(id, 640, 200, 30, 4, true, IMU_ODR_400, false), 0);
+        g.endSetup(nullptr);
+        ASSERT_GT(countFrames(g, 200), 0);
+        const int threadsStreaming = threadCount();
+
+        // Frozen: the producers give up after 31 s of the camera's clock.
+        ASSERT_TRUE(waitUntil([&] { return argus().cameraFrozen(0); }, 5000));
+        EXPECT_TRUE(waitUntil(
+            [&] {
+                const auto lines = daemon.lines();
+                return std::count(lines.begin(), lines.end(), "KOVQ#0#9#FROZEN") >= 1;
+            },
+            15000));
+        // Restarted: the provider was made anew and frames flow again.
+        EXPECT_TRUE(waitUntil([&] { return argus().createProviderCalls() >= 2; }, 15000));
+        EXPECT_TRUE(waitUntil([&] { return countFrames(g, 100) > 0; }, 15000));
+        EXPECT_GE(argus().destroyProviderCalls(), 1);
+        // One watchdog over the reboot, and the same threads as before.
+        EXPECT_EQ(threadCount(), threadsStreaming);
+        g.close();
+    }
+    const auto lines = daemon.waitLines(1);
+    EXPECT_GE(std::count(lines.begin(), lines.end(), "KOVQ#0#9#OPENING"), 2);
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "KOVQ#0#9#CLOSING"), 1);
+    EXPECT_NE(std::find(lines.begin(), lines.end(), "KOVQ#0#9#RUN#0"), lines.end());
+    EXPECT_TRUE(waitUntil([&] { return threadCount() <= baseline; }, 3000));
+}
+
+// ---------------------------------------------------------------------------
+// The camera itself
+
+ArgusCameraConfig stereoConfig(uint32_t w, uint32_t h, int fps) {
+    ArgusCameraConfig c;
+    c.first_sensor = 0;
+    c.second_sensor = 1;
+    c.stream_size = {w, h};
+    c.mode_size = {w, h};
+    c.frame_durations = {1000000000ULL / static_cast<uint64_t>(fps)};
+    c.sync_threshold = bh::GMSLInput::syncThresholdOf(fps);
+    return c;
+}
+
+class ArgusCameraSim : public SessionSimTest {};
+
+TEST_F(ArgusCameraSim, OpenOnAnOpenCameraReturnsOneAndOnlyStoresTheConfiguration) {
+    install("gmsl_kov_qg_pico_bus30.json");
+    ArgusCamera camera;
+    ASSERT_EQ(camera.open(stereoConfig(1920, 1200, 30), true), 0);
+    ArgusCameraConfig other = stereoConfig(1920, 1080, 15);
+    EXPECT_EQ(camera.open(other, true), 1);
+    EXPECT_EQ(camera.getConfig().mode_size, (std::vector<uint32_t>{1920, 1080}));
+    EXPECT_EQ(camera.getEffectiveHeight(), 1200);  // still the running session
+    EXPECT_EQ(camera.getFPS(), 30);
+    camera.close();
+}
+
+TEST_F(ArgusCameraSim, SensorsOfDifferentModelsGiveEight) {
+    install(R"({"type": "gmsl_camera", "bus": 30, "serial": 42000123, "sub_model": 4,
+                "sensors": [{}, {"model_name": "kovq_ar0235"}]})");
+    ArgusCamera camera;
+    EXPECT_EQ(camera.open(stereoConfig(1920, 1200, 30), true), 8);
+    EXPECT_EQ(ArgusProvider::getState(0), ARGUS_CAMERA_STATE_CLOSED);
+}
+
+TEST_F(ArgusCameraSim, AnAllOnesSerialAt0x55IsInvalidAnd0x57IsNotTried) {
+    // A valid camera EEPROM at 0x57 on the same bus would be found if 0x57
+    // were tried after the 4-byte read at 0x55 succeeded.
+    install(R"({"type": "gmsl_camera", "bus": 30, "serial": 4294967295, "sub_model": 4,
+                "imu": {"present": false, "calibration_image": "absent"}},
+               {"type": "i2c_bus", "bus": 30, "chips": [
+                   {"type": "camera_eeprom", "address": 87, "serial": 42000123, "sub_model": 4}]})");
+    ArgusCamera camera;
+    EXPECT_EQ(camera.open(stereoConfig(1920, 1200, 30), true), 7);
+}
+
+TEST_F(ArgusCameraSim, NoFirstFrameWithinTheWaitGivesSeventeenAndTheThreadsRunUntilClose) {
+    install(R"({"type": "gmsl_camera", "bus": 30, "serial": 42000123, "sub_model": 4,
+                "faults": {"no_first_frame": true}})",
+            25.0);  // the 20.1 s wait in under a second
+    {
+        ArgusCamera camera;
+        const auto start = std::chrono::steady_clock::now();
+        const int64_t clockStart = platform::clock().steadyNanoseconds();
+        EXPECT_EQ(camera.open(stereoConfig(1920, 1200, 30), true), 17);
+        const int64_t waited = platform::clock().steadyNanoseconds() - clockStart;
+        EXPECT_GE(waited, 20000000000LL);  // 201 polls 100 ms apart
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+        EXPECT_EQ(ArgusProvider::getState(0), ARGUS_CAMERA_STATE_CLOSED);
+        EXPECT_GT(threadCount(), baseline);  // producers, consumer, watchdog
+        camera.close();
+        EXPECT_TRUE(waitUntil([&] { return threadCount() <= baseline; }, 3000));
+    }
+}
+
+TEST_F(ArgusCameraSim, TheWatchdogIsOneThreadOverReboots) {
+    install("gmsl_kov_qg_pico_bus30.json", 4.0);
+    ArgusCamera camera;
+    ASSERT_EQ(camera.open(stereoConfig(1280, 720, 30), true), 0);
+    const int streaming = threadCount();
+    camera.forceReboot();
+    // FROZEN, release, 2.1 s, open again: a new provider and new frames.
+    EXPECT_TRUE(waitUntil([&] { return argus().createProviderCalls() >= 2; }, 10000));
+    EXPECT_TRUE(waitUntil([&] { return camera.isOpened() && camera.getStatus() == 0; }, 15000));
+    EXPECT_TRUE(waitUntil([&] { return camera.isNewFrame(); }, 5000));
+    EXPECT_EQ(threadCount(), streaming);
+    camera.close();
+}
+
+TEST_F(ArgusCameraSim, ARightSensorLaggingByAFrameStillPairs) {
+    install(R"({"type": "gmsl_camera", "bus": 30, "serial": 42000123, "sub_model": 4,
+                "faults": {"second_sensor_lag_frames": 1}})");
+    ArgusCamera camera;
+    ASSERT_EQ(camera.open(stereoConfig(1280, 720, 30), true), 0);
+    int frames = 0;
+    const auto start = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() - start < std::chrono::seconds(1)) {
+        if (camera.waitForFrame(100)) {
+            camera.clearNewFrame();
+            ++frames;
+        }
+    }
+    EXPECT_GE(frames, 20);
+    camera.close();
+}
+
+TEST_F(ArgusCameraSim, AnOffsetJustPastTheThresholdNeverPairs) {
+    // 30 fps: a threshold of 10000 us; the right sensor 10001 us late.
+    install(R"({"type": "gmsl_camera", "bus": 30, "serial": 42000123, "sub_model": 4,
+                "faults": {"second_sensor_offset_us": 10001}})",
+            5.0);
+    ArgusCamera camera;
+    EXPECT_EQ(camera.open(stereoConfig(1280, 720, 30), true), 17);  // no pair, no first frame
+    camera.close();
+}
+
+TEST_F(ArgusCameraSim, AnOffsetOfExactlyTheThresholdPairs) {
+    install(R"({"type": "gmsl_camera", "bus": 30, "serial": 42000123, "sub_model": 4,
+                "faults": {"second_sensor_offset_us": 10000}})");
+    ArgusCamera camera;
+    EXPECT_EQ(camera.open(stereoConfig(1280, 720, 30), true), 0);
+    EXPECT_TRUE(waitUntil([&] { return camera.isNewFrame(); }, 3000));
+    camera.close();
+}
+
+TEST(ArgusProviderPorts, StatesOutsideZeroToSevenAreIgnored) {
+    ArgusProvider::DeleteInstance();
+    ArgusProvider::changeState(8, ARGUS_CAMERA_STATE_RUNNING);
+    ArgusProvider::changeState(-1, ARGUS_CAMERA_STATE_FROZEN);
+    EXPECT_EQ(ArgusProvider::getState(8), ARGUS_CAMERA_STATE_CLOSED);
+    EXPECT_EQ(ArgusProvider::getState(-1), ARGUS_CAMERA_STATE_CLOSED);
+    EXPECT_FALSE(ArgusProvider::hasCameraFrozen());
+    ArgusProvider::changeState(7, ARGUS_CAMERA_STATE_OPENING);
+    EXPECT_TRUE(ArgusProvider::hasCameraOpening());
+    ArgusProvider::DeleteInstance();
+    EXPECT_FALSE(ArgusProvider::hasCameraOpening());
+}
+
+}  // namespace
