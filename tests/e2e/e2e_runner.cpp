@@ -343,13 +343,13 @@ void checkLog(const QJsonObject& spec, const QString& home) {
     }
 }
 
-// Files the run leaves in the working directory: each entry of `spec` names a
+// Files the run leaves in the working directory: each entry of `files` names a
 // path relative to it, with "exists" (default true), "equals" (the whole
 // content), and "contains" / "not_contains" (texts; "in_order": true asks
 // for the "contains" texts one after the other).
-void checkFiles(const QJsonObject& spec, const QString& cwd, const QMap<QString, QString>& vars) {
-    for (const QString& name : spec.keys()) {
-        const QJsonObject want = spec.value(name).toObject();
+void checkFiles(const QJsonObject& files, const QString& cwd, const QMap<QString, QString>& vars) {
+    for (const QString& name : files.keys()) {
+        const QJsonObject want = files.value(name).toObject();
         const QString path = cwd + "/" + name;
         const bool exists = QFileInfo(path).isFile();
         if (!want.value("exists").toBool(true)) {
