@@ -1,8 +1,10 @@
 #include "diagnostic/NodeList.h"
 
 #include "diagnostic/AINode.h"
+#include "diagnostic/DMesgLogger.h"
 #include "diagnostic/GPUNode.h"
 #include "diagnostic/ProcessorNode.h"
+#include "diagnostic/RecoverMcuSerialNode.h"
 #include "diagnostic/SDKNode.h"
 #include "diagnostic/USBNode.h"
 
@@ -18,9 +20,11 @@ std::vector<DiagnosticNode*> buildDiagnosticNodes(bool arCheck) {
 }
 
 DiagnosticNode* buildRecoverMcuNode() {
-    return nullptr;
+    static RecoverMcuSerialNode recoverMcu;
+    return &recoverMcu;
 }
 
 DiagnosticNode* buildKernelLogNode() {
-    return nullptr;
+    static DMesgLogger kernelLog;
+    return &kernelLog;
 }

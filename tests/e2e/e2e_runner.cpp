@@ -343,6 +343,50 @@ void checkLog(const QJsonObject& spec, const QString& home) {
     }
 }
 
+// Files the run leaves in the working directory: each entry of `files` names a
+// path relative to it, with "exists" (default true), "equals" (the whole
+// content), and "contains" / "not_contains" (texts; "in_order": true asks
+// for the "contains" texts one after the other).
+void checkFiles(const QJsonObject& files, const QString& cwd, const QMap<QString, QString>& vars) {
+    for (const QString& name : files.keys()) {
+        const QJsonObject want = files.value(name).toObject();
+        const QString path = cwd + "/" + name;
+        const bool exists = QFileInfo(path).isFile();
+        if (!want.value("exists").toBool(true)) {
+            if (exists)
+                fail(name + " was written although it should not exist");
+            continue;
+        }
+        if (!exists) {
+            fail("no file " + name + " in the working directory");
+            continue;
+        }
+        QFile file(path);
+        file.open(QIODevice::ReadOnly);
+        const QByteArray bytes = file.readAll();
+        if (want.contains("equals")) {
+            const QByteArray expected = expand(want.value("equals").toString(), vars).toUtf8();
+            if (bytes != expected)
+                fail(name + " differs.\n--- expected\n" + visible(expected) + "--- actual\n" +
+                     visible(bytes));
+        }
+        const bool inOrder = want.value("in_order").toBool(false);
+        int from = 0;
+        for (const QString& text : stringList(want.value("contains"), vars)) {
+            const int at = bytes.indexOf(text.toUtf8(), inOrder ? from : 0);
+            if (at < 0) {
+                fail(name + (inOrder ? " lacks, or holds out of order: " : " lacks: ") +
+                     visible(text.toUtf8()));
+                continue;
+            }
+            from = at + text.toUtf8().size();
+        }
+        for (const QString& text : stringList(want.value("not_contains"), vars))
+            if (bytes.contains(text.toUtf8()))
+                fail(name + " holds: " + visible(text.toUtf8()));
+    }
+}
+
 // Makes a folder where the report cannot be created, even for root: a
 // directory already stands under the report's name.
 void block(const QString& dir, bool readOnly) {
@@ -419,6 +463,12 @@ int main(int argc, char** argv) {
     for (const QString& key : extraEnv.keys())
         env.insert(key, expand(extraEnv.value(key).toString(), vars));
 
+    // Files that stand in the working directory before the run.
+    if (spec.contains("cwd_files")) {
+        const QString from = QDir(caseDir).absoluteFilePath(spec.value("cwd_files").toString());
+        if (!copyTree(from, cwd))
+            fail("cannot copy the working directory's files " + from);
+    }
     if (spec.value("cwd").toString() == "blocked")
         block(cwd, true);
     if (spec.value("home").toString() == "blocked")
@@ -463,6 +513,8 @@ int main(int argc, char** argv) {
         checkReport(spec.value("report").toObject(), caseDir, cwd, home, vars, update);
     if (spec.contains("log"))
         checkLog(spec.value("log").toObject(), home);
+    if (spec.contains("files"))
+        checkFiles(spec.value("files").toObject(), cwd, vars);
 
     if (gFailures > 0) {
         work.setAutoRemove(false);
