@@ -42,7 +42,10 @@ SensorDefaults defaultsOf(int subModel) {
 }
 
 std::vector<ArgusSensorModeConfig> defaultModes() {
-    return {{1920, 1200, {15, 30, 60}}, {1920, 1080, {15, 30, 60}}, {1280, 720, {15, 30, 60, 120}}};
+    return {{1920, 1200, {15, 30, 60}},
+            {1920, 1080, {15, 30, 60}},
+            {1280, 720, {15, 30, 60, 120}},
+            {960, 600, {15, 30, 60, 120}}};
 }
 
 std::string readModuleId(const Entry& e, const std::string& fallback) {
