@@ -355,11 +355,11 @@ protected:
     std::atomic<bool> new_frame{false};
 
     // ---- output
-    unsigned char* ptr = nullptr;  // where delivered frames are copied
-    bool ptr_from_caller = false;  // set by setPtr with a caller's buffer
+    unsigned char* ptr = nullptr;    // where delivered frames are copied
+    bool ptr_from_caller = false;    // set by setPtr with a caller's buffer
     bh::IMUPacket imu_packet{};      // of the latest delivered frame
     bh::IMUPacket pending_packet{};  // found for the frame being delivered (consumer only)
-    unsigned long long image_timestamp = 0;
+    std::atomic<unsigned long long> image_timestamp{0};  // written by the consumer, read by callers
 
     // ---- threads
     std::thread producer_thread[2];

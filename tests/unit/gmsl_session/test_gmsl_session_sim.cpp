@@ -85,8 +85,12 @@ TEST_F(GmslSessionSim, TheThreeModesOfTheGrabbingTestStreamPairsAtTheirRate) {
         EXPECT_TRUE(g.hasMCU());
 
         const int frames = countFrames(g, 2000);
-        EXPECT_GE(frames, m.fps * 2 * 7 / 10);
-        EXPECT_LE(frames, m.fps * 2 * 11 / 10);
+        if (sessiontest::kMeasureRates) {
+            EXPECT_GE(frames, m.fps * 2 * 7 / 10);
+            EXPECT_LE(frames, m.fps * 2 * 11 / 10);
+        } else {
+            EXPECT_GT(frames, 0);
+        }
 
         // One side-by-side row. The simulated camera's second sensor sees
         // the scene 12 pixel pairs further on; on this board the sensors
@@ -106,7 +110,7 @@ TEST_F(GmslSessionSim, TheThreeModesOfTheGrabbingTestStreamPairsAtTheirRate) {
         const double distanceMs =
             std::abs(static_cast<double>(packet.host_timestamp) - static_cast<double>(g.getTimeStamp())) /
             1e6;
-        EXPECT_LT(distanceMs, 100.0);
+        EXPECT_LT(distanceMs, 250.0 * sessiontest::kSlow);  // a few frames may pass between the two reads
         g.close();
         if (lasting < 0)
             lasting = threadCount();
@@ -143,7 +147,7 @@ TEST_F(GmslSessionSim, AFreezeIsDetectedTheDaemonToldAndFramesComeBack) {
     install(R"({"type": "gmsl_camera", "bus": 30, "serial": 42000124, "sub_model": 4,
                 "modes": [{"width": 320, "height": 200, "fps": [15, 30]}],
                 "faults": {"freeze": {"after_s": 3}}})",
-            8.0);
+            sessiontest::kMeasureRates ? 8.0 : 2.0);
     {
         bh::LiveCameraGrabber g(bh::GMSL_INPUT);
         int id = 0;
@@ -162,7 +166,7 @@ TEST_F(GmslSessionSim, AFreezeIsDetectedTheDaemonToldAndFramesComeBack) {
             15000));
         // Restarted: the provider was made anew and frames flow again.
         EXPECT_TRUE(waitUntil([&] { return argus().createProviderCalls() >= 2; }, 15000));
-        EXPECT_TRUE(waitUntil([&] { return countFrames(g, 100) > 0; }, 15000));
+        EXPECT_TRUE(waitUntil([&] { return countFrames(g, 100) > 0; }, 20000));
         EXPECT_GE(argus().destroyProviderCalls(), 1);
         // One watchdog over the reboot, and the same threads as before.
         EXPECT_EQ(threadCount(), threadsStreaming);
@@ -279,7 +283,7 @@ TEST_F(ArgusCameraSim, ARightSensorLaggingByAFrameStillPairs) {
             ++frames;
         }
     }
-    EXPECT_GE(frames, 20);
+    EXPECT_GE(frames, sessiontest::kMeasureRates ? 20 : 3);
     camera.close();
 }
 
