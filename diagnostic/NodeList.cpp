@@ -2,6 +2,7 @@
 
 #include "diagnostic/AINode.h"
 #include "diagnostic/GPUNode.h"
+#include "diagnostic/KOVNode.h"
 #include "diagnostic/ProcessorNode.h"
 #include "diagnostic/SDKNode.h"
 
@@ -12,7 +13,8 @@ std::vector<DiagnosticNode*> buildDiagnosticNodes(bool arCheck) {
     gpu.arCheck = arCheck;
     static AINode aiModels;  // position 4
     // Position 5: "Camera Test", 6: "Devices".
-    return {&sdk, &processor, &gpu, &aiModels};
+    static KOVNode camera;
+    return {&sdk, &processor, &gpu, &aiModels, &camera};
 }
 
 DiagnosticNode* buildRecoverMcuNode() {
