@@ -182,13 +182,17 @@ BandwidthCounts measureBandwidth(bh::LiveCameraGrabber& grabber, int viewWidth, 
     while (elapsed() <= seconds) {
         if (grabber.getFrameStatus() == bh::GRABBER_STATE_FRAME) {
             ++counts.frames;
-            const unsigned char* pixels = grabber.getPixels();
             // A frame smaller than asked for is copied as far as it goes.
             const size_t frameBytes = static_cast<size_t>(std::max(0, grabber.getEffectiveWidth())) *
                                       static_cast<size_t>(std::max(0, grabber.getEffectiveHeight())) * 4;
+            // The session writes the next frame into the same buffer: read it
+            // inside its critical section.
+            grabber.enterCriticalSection();
+            const unsigned char* pixels = grabber.getPixels();
             const bool copied = pixels != nullptr;
             if (copied)
                 std::memcpy(buffers[current].data(), pixels, std::min(bufferBytes, frameBytes));
+            grabber.exitCriticalSection();
             grabber.afterGrab();
             if (copied && havePrevious &&
                 tearing::isTorn(buffers[1 - current].data(), buffers[current].data(), viewWidth, viewHeight))

@@ -9,6 +9,7 @@
 
 #include <QJsonObject>
 
+#include <iostream>
 #include <string>
 
 #include "KovNodeTestSupport.h"
@@ -50,6 +51,8 @@ protected:
         EXPECT_EQ(mode.value("status").toBool(), true);
         const Measured run{mode.value("imageCount").toInt(-1), mode.value("dropCount").toInt(-1000),
                            mode.value("tearingCount").toInt(-1)};
+        std::cout << scenarioName << ": " << run.frames << " frames, " << run.drops << " drops, " << run.tears
+                  << " torn pairs\n";
         // The drops are counted against the expected 500.4 frames.
         EXPECT_EQ(run.drops, static_cast<int>(500.4f - static_cast<float>(run.frames)));
         return run;
