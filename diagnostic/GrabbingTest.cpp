@@ -13,7 +13,6 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
-#include <sstream>
 #include <vector>
 
 #include "diagnostic/DiagnosticRunner.h"

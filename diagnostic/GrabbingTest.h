@@ -77,9 +77,10 @@ struct BandwidthVerdict {
 };
 
 // The verdict of the bandwidth run from the torn pairs, the drops, the frames
-// received and the frames expected: OK (valid) with at most 14 of each and a
-// frame at least; the low-bandwidth text as a warning with 15 to 37 drops or
-// no frame; as an error with 15 tears or more, or more than 37 drops.
+// received and the frames expected. An error with 15 torn pairs or more, or
+// more than 37 drops; otherwise a warning with 15 to 37 drops; otherwise OK
+// (valid) when a frame came at all, and a warning when none did. Both
+// non-OK verdicts carry the low-bandwidth text.
 BandwidthVerdict bandwidthVerdict(int tears, int drops, int frames, float expected);
 
 // The low-bandwidth text, with the drops and tears out of the expected count.
