@@ -3,6 +3,7 @@
 #include "diagnostic/AINode.h"
 #include "diagnostic/DMesgLogger.h"
 #include "diagnostic/GPUNode.h"
+#include "diagnostic/KOVNode.h"
 #include "diagnostic/ProcessorNode.h"
 #include "diagnostic/RecoverMcuSerialNode.h"
 #include "diagnostic/SDKNode.h"
@@ -14,9 +15,9 @@ std::vector<DiagnosticNode*> buildDiagnosticNodes(bool arCheck) {
     static GPUNode gpu;              // position 3
     gpu.arCheck = arCheck;
     static AINode aiModels;  // position 4
-    // Position 5: "Camera Test", 6: "Devices".
+    static KOVNode camera;   // position 5
     static USBNode devices;  // position 6
-    return {&sdk, &processor, &gpu, &aiModels, &devices};
+    return {&sdk, &processor, &gpu, &aiModels, &camera, &devices};
 }
 
 DiagnosticNode* buildRecoverMcuNode() {

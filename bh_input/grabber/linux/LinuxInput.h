@@ -67,8 +67,15 @@ public:
     int getEffectiveHeight() override;
     void deleteWinVI() override {}
     void afterGrab() override {}
-    void enterCriticalSection() override {}
-    void exitCriticalSection() override {}
+    // Brackets a read of the output buffer (see LinuxStereoGrabber).
+    void enterCriticalSection() override {
+        if (grabber)
+            grabber->enterCriticalSection();
+    }
+    void exitCriticalSection() override {
+        if (grabber)
+            grabber->exitCriticalSection();
+    }
     // The fused inertial packet of the last delivered frame; 1 when there is
     // one, 0 without sensors.
     int getIMUPacket(IMUPacket& packet);

@@ -68,6 +68,11 @@ public:
     // Copies the last delivered frame under the frame mutex (a reader that
     // must not race the consumer); false when dst is null or too small.
     bool copyLatestFrame(unsigned char* dst, size_t size);
+    // A caller that reads the output buffer holds the frame mutex meanwhile,
+    // so that the consumer does not write the next frame into it (not
+    // re-entrant; call nothing of the grabber in between).
+    void enterCriticalSection() { frame_mutex.lock(); }
+    void exitCriticalSection() { frame_mutex.unlock(); }
     bool isNewFrame() const { return new_frame.load(std::memory_order_acquire); }
     bool isExposureLocked() const { return exposure_locked.load(std::memory_order_relaxed); }
     void WakeGrab() {}
