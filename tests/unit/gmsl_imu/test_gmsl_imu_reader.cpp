@@ -3,6 +3,8 @@
 // samples handed to the engine, and the commands without meaning here.
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <cmath>
 #include <memory>
 
@@ -15,12 +17,28 @@ namespace {
 
 constexpr uint32_t kSerial = 20123456;
 
+// A clock that moves only when the test steps it: the bus's own short waits
+// (which go through the clock too) leave the times the test reasons about
+// exact.
+class StillClock final : public platform::Clock {
+public:
+    int64_t steadyNanoseconds() override { return now_.load(); }
+    int64_t systemNanoseconds() override { return 1767225600LL * 1000000000LL + now_.load(); }
+    void sleepFor(std::chrono::nanoseconds) override {}
+    void advance(int64_t ns) { now_ += ns; }
+
+private:
+    std::atomic<int64_t> now_{1000000000LL};
+};
+
 struct ReaderRig : Rig {
-    explicit ReaderRig(uint8_t sub_model = 2) { bus->addCamera(30, 0x55, kSerial, sub_model); }
+    explicit ReaderRig(uint8_t sub_model = 2) : Rig(std::make_shared<StillClock>()) {
+        bus->addCamera(30, 0x55, kSerial, sub_model);
+    }
     std::unique_ptr<IMUGMSLReader> reader = std::make_unique<IMUGMSLReader>(false, 0x2B03, 0xA081);
     FakeAccel& chipA() { return *bus->accel(30); }
     FakeGyro& chipG() { return *bus->gyro(30); }
-    void stepUs(int64_t us) { static_cast<sim::SteppedClock&>(*clock).advance(us * 1000); }
+    void stepUs(int64_t us) { static_cast<StillClock&>(*clock).advance(us * 1000); }
     uint64_t nowUs() { return static_cast<uint64_t>(nowNs() / 1000); }
     void pushFrames(int n, int16_t x = 0, int16_t y = 0, int16_t z = 0) {
         for (int i = 0; i < n; ++i)
@@ -215,15 +233,20 @@ TEST(GmslImuGyro, FirstFifoReadYieldsNoSamplesThenTimesAreSpread) {
     EXPECT_EQ(r.chipG().fifo.size(), 0u) << "the first content was read and dropped";
     EXPECT_EQ(batch.reads, 1u);
 
-    // The next batch, 15 ms later: six samples spread evenly over the interval.
+    // The next batch, 15 ms later: six samples spread evenly over the
+    // interval between the two reads' times (the bus's own waits, which go
+    // through the same clock, count in it).
     r.stepUs(15000);
     for (int i = 0; i < 6; ++i)
         r.chipG().pushFrame(static_cast<int16_t>(10 + i), -3, static_cast<int16_t>(i == 4 ? 9 : 8));
+    const uint64_t t1 = r.nowUs();
+    ASSERT_GE(t1, t0 + 15000u);
     ASSERT_TRUE(r.reader->pollGyroOnce(batch));
     ASSERT_EQ(r.reader->gyro_queue.size(), 6u);
+    const double interval = static_cast<double>(t1 - t0) / 6.0;
     for (int i = 0; i < 6; ++i) {
         auto s = r.reader->gyro_queue.pop();
-        EXPECT_EQ(s->timestamp, t0 + 2500u * static_cast<uint64_t>(i + 1)) << i;
+        EXPECT_EQ(s->timestamp, t0 + static_cast<uint64_t>(interval * (i + 1))) << i;
         EXPECT_EQ(s->x, 10 + i);
         EXPECT_EQ(s->y, -3);
         EXPECT_EQ(s->sync, i == 4 ? 1 : 0) << i;
