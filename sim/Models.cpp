@@ -89,13 +89,6 @@ std::vector<std::shared_ptr<UsbDevice>> UsbBus::devices() const {
     for (const auto& d : devices_)
         if (d->attached)
             out.push_back(d);
-    // By bus, then address, as the kernel's device tree lists them (and so
-    // libusb on Linux): an MCU on the high-speed bus comes before its camera
-    // on the super-speed one. Equal places keep the scenario's order.
-    std::stable_sort(out.begin(), out.end(), [](const auto& a, const auto& b) {
-        const uint8_t addressA = a->address, addressB = b->address;
-        return a->bus != b->bus ? a->bus < b->bus : addressA < addressB;
-    });
     return out;
 }
 

@@ -11,9 +11,8 @@ TEST(SimulationEnvironment, PicoScenarioThroughEnvironment) {
     ASSERT_NE(sim::installedMachine(), nullptr);
     auto list = bh::getUSBDevice();
     ASSERT_EQ(list.size(), 2u);
-    // Bus 1 (the MCU) before bus 2 (the camera), as libusb lists them.
-    EXPECT_EQ(list[0], std::make_pair(bh::BH_DEVICE_KOV_P_MCU, std::string("4")));
-    EXPECT_EQ(list[1], std::make_pair(bh::BH_DEVICE_KOV_P_CBS, std::string("3")));
+    EXPECT_EQ(list[0], std::make_pair(bh::BH_DEVICE_KOV_P_CBS, std::string("3")));
+    EXPECT_EQ(list[1], std::make_pair(bh::BH_DEVICE_KOV_P_MCU, std::string("4")));
     int n = -1;
     EXPECT_EQ(bh::findDevicePath_linux(n, 0), bh::BH_DEVICE_KOV_P_CBS);
     EXPECT_EQ(n, 0);
