@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <QJsonArray>
+#include <QJsonDocument>
 #include <QJsonObject>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "KovNodeTestSupport.h"
@@ -95,4 +97,30 @@ TEST_F(GmslCameraTest, WholeRunTestsTheThreeGmslModesOnly) {
     // measures, and the error follows the statuses.
     EXPECT_TRUE(camera_test_bandwidth_message.empty());
     EXPECT_EQ(root.value("error").toArray().contains(kSpecificResolutions), !allOpened);
+}
+
+// The camera opens through the GMSL session: identified, and every mode of
+// the GMSL list streams at the size and rate asked for.
+TEST_F(GmslCameraTest, AStreamingCameraPassesEveryGmslMode) {
+    QJsonObject root;
+    node.runDiagnostic(root);
+    const QJsonObject camera = root.value("camera").toObject();
+    EXPECT_EQ(camera.value("Init Output").toString(), "OK");
+    EXPECT_EQ(camera.value("Model").toString(), "KOV-QP");
+    EXPECT_EQ(camera.value("Serial Number").toInt(), 42000123);
+    EXPECT_EQ(camera.value("Firmware").toInt(), 2001);
+    EXPECT_EQ(node.serial, 42000123);
+    const QJsonObject resolutions = root.value("resolutions").toObject();
+    const std::vector<std::tuple<const char*, int, int, int>> modes = {
+        {"HD1200@30", 1920, 1200, 30}, {"HD1200@60", 1920, 1200, 60}, {"SVGA@120", 960, 600, 120}};
+    for (const auto& [key, w, h, fps] : modes) {
+        const QJsonObject mode = resolutions.value(key).toObject();
+        EXPECT_TRUE(mode.value("status").toBool()) << key;
+        EXPECT_EQ(mode.value("initialization").toString(), "OK") << key;
+        EXPECT_EQ(mode.value("fps (input)").toInt(), fps) << key;
+        EXPECT_EQ(mode.value("fps (output)").toInt(), fps) << key;
+    }
+    EXPECT_FALSE(root.contains("error")) << QJsonDocument(root).toJson().toStdString();
+    EXPECT_TRUE(camera_test_bandwidth_message.empty());
+    EXPECT_FLOAT_EQ(node.getPercent(), 100.f);
 }

@@ -14,10 +14,11 @@ TEST(DeviceList, PicoOnUsb3ListsVideoAndMcuWithAddresses) {
     ScopedScenario s("kov_pico_usb3");
     auto list = getUSBDevice();
     ASSERT_EQ(list.size(), 2u);
-    EXPECT_EQ(list[0].first, BH_DEVICE_KOV_P_CBS);
-    EXPECT_EQ(list[0].second, "3");
-    EXPECT_EQ(list[1].first, BH_DEVICE_KOV_P_MCU);
-    EXPECT_EQ(list[1].second, "4");
+    // In bus order: the MCU on bus 1, then the camera on bus 2.
+    EXPECT_EQ(list[0].first, BH_DEVICE_KOV_P_MCU);
+    EXPECT_EQ(list[0].second, "4");
+    EXPECT_EQ(list[1].first, BH_DEVICE_KOV_P_CBS);
+    EXPECT_EQ(list[1].second, "3");
     EXPECT_EQ(getNumberOfKOV(), 1);
 }
 
@@ -78,7 +79,7 @@ TEST(DeviceList, LibusbFailuresGiveEmptyList) {
 
 TEST(DeviceList, FailedDescriptorIsSkipped) {
     auto m = sim::loadScenario(testsupport::scenarioPath("kov_pico_usb3"));
-    m->usb().devices()[0]->descriptorError = LIBUSB_ERROR_IO;
+    m->usb().devices()[1]->descriptorError = LIBUSB_ERROR_IO;  // the camera
     ScopedScenario s(m);
     auto list = getUSBDevice();
     ASSERT_EQ(list.size(), 1u);

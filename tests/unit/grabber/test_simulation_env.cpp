@@ -11,8 +11,10 @@ TEST(SimulationEnvironment, PicoScenarioThroughEnvironment) {
     ASSERT_NE(sim::installedMachine(), nullptr);
     auto list = bh::getUSBDevice();
     ASSERT_EQ(list.size(), 2u);
-    EXPECT_EQ(list[0], std::make_pair(bh::BH_DEVICE_KOV_P_CBS, std::string("3")));
-    EXPECT_EQ(list[1], std::make_pair(bh::BH_DEVICE_KOV_P_MCU, std::string("4")));
+    // The scenario lists the MCU (bus 1) before the camera (bus 2), as a
+    // machine's USB bus is enumerated.
+    EXPECT_EQ(list[0], std::make_pair(bh::BH_DEVICE_KOV_P_MCU, std::string("4")));
+    EXPECT_EQ(list[1], std::make_pair(bh::BH_DEVICE_KOV_P_CBS, std::string("3")));
     int n = -1;
     EXPECT_EQ(bh::findDevicePath_linux(n, 0), bh::BH_DEVICE_KOV_P_CBS);
     EXPECT_EQ(n, 0);
