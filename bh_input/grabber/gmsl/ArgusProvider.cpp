@@ -4,7 +4,10 @@
 
 #include "platform/Platform.h"
 
-std::unique_ptr<ArgusProvider> ArgusProvider::instance;
+// Not destroyed at exit: the provider's teardown calls into the installed
+// backend, which static destruction may already have taken down; the
+// process's end releases the camera service anyway.
+ArgusProvider* ArgusProvider::instance = nullptr;
 std::mutex ArgusProvider::locker;
 
 namespace {
@@ -24,18 +27,21 @@ ArgusProvider::~ArgusProvider() {
 ArgusProvider* ArgusProvider::getInstance() {
     std::lock_guard<std::mutex> lock(locker);
     std::shared_ptr<platform::Argus> current = platform::current().argus;
-    if (instance && instance->argus_ != current)
-        instance.reset();  // made on another backend: its provider belongs there
-    if (!instance) {
-        instance.reset(new ArgusProvider(std::move(current)));
+    if (instance != nullptr && instance->argus_ != current) {
+        delete instance;  // made on another backend: its provider belongs there
+        instance = nullptr;
+    }
+    if (instance == nullptr) {
+        instance = new ArgusProvider(std::move(current));
         clearStates();
     }
-    return instance.get();
+    return instance;
 }
 
 void ArgusProvider::DeleteInstance() {
     std::lock_guard<std::mutex> lock(locker);
-    instance.reset();
+    delete instance;
+    instance = nullptr;
     clearStates();
 }
 

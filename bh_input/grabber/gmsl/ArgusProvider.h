@@ -51,6 +51,6 @@ private:
     std::shared_ptr<platform::Argus> argus_;  // kept alive until the provider is destroyed on it
     bool created_ = false;
 
-    static std::unique_ptr<ArgusProvider> instance;
+    static ArgusProvider* instance;
     static std::mutex locker;
 };
