@@ -8,6 +8,8 @@
 #include <hidapi/hidapi.h>
 #include <libusb-1.0/libusb.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -46,7 +48,28 @@ struct McuIdentity {
 
 class FuzzHid final : public platform::Hid {
 public:
-    FuzzHid(Input& in, McuIdentity id) : in_(in), id_(std::move(id)) {}
+    FuzzHid(Input& in, McuIdentity id, std::shared_ptr<InstantClock> clock)
+        : in_(in), id_(std::move(id)), clock_(std::move(clock)) {}
+
+    // A long steady stream, as a device gives it between two calls of the
+    // test: `count` reads answer the template report with its time stamp
+    // moved on by `tickStep` each, a frame trigger (and a new trigger count)
+    // every `syncEvery` reports, while host time moves on by `hostStepUs`.
+    // Returns the count granted: at most 4096 burst reads in all per input,
+    // so that one input stays fast.
+    int startBurst(const std::vector<uint8_t>& report, int count, uint32_t tickStep, int syncEvery,
+                   uint32_t hostStepUs) {
+        count = std::min(count, burstBudget_);
+        burstBudget_ -= count;
+        burst_ = report;
+        burst_.resize(62);
+        burstLeft_ = count;
+        tickStep_ = tickStep;
+        syncEvery_ = syncEvery > 0 ? syncEvery : 1;
+        hostStepUs_ = hostStepUs;
+        std::memcpy(&ticks_, burst_.data() + 2, sizeof ticks_);
+        return count;
+    }
 
     int init() override { return 0; }
     int exit() override { return 0; }
@@ -79,6 +102,8 @@ public:
         return read_timeout(dev, data, length, -1);
     }
     int read_timeout(hid_device*, unsigned char* data, size_t length, int) override {
+        if (burstLeft_ > 0)
+            return burstRead(data, length);
         return in_.answer(data, length);
     }
     int write(hid_device*, const unsigned char*, size_t length) override { return result(length); }
@@ -101,10 +126,32 @@ public:
     const wchar_t* error(hid_device*) override { return L"fuzz device"; }
 
 private:
+    int burstRead(unsigned char* data, size_t length) {
+        --burstLeft_;
+        ++burstCount_;
+        ticks_ += tickStep_;
+        std::memcpy(burst_.data() + 2, &ticks_, sizeof ticks_);
+        const bool trigger = burstCount_ % static_cast<uint32_t>(syncEvery_) == 0;
+        burst_[22] = trigger ? 1 : 0;
+        if (trigger) {
+            uint32_t triggers = 0;
+            std::memcpy(&triggers, burst_.data() + 24, sizeof triggers);
+            ++triggers;
+            std::memcpy(burst_.data() + 24, &triggers, sizeof triggers);
+        }
+        if (clock_)
+            clock_->sleepFor(std::chrono::microseconds(hostStepUs_));
+        const size_t n = std::min(length, burst_.size());
+        std::memcpy(data, burst_.data(), n);
+        return static_cast<int>(n);
+    }
+
     hid_device* handle() { return reinterpret_cast<hid_device*>(&token_); }
     // The result of a write: one byte, 0 all written, 1 nothing, 2 failure,
-    // 3 one byte short.
+    // 3 one byte short (nothing read during a burst: all written).
     int result(size_t length) {
+        if (burstLeft_ > 0)
+            return static_cast<int>(length);  // a steadily streaming device takes every write
         switch (in_.byte() & 3) {
             case 0:
                 return static_cast<int>(length);
@@ -119,7 +166,16 @@ private:
 
     Input& in_;
     McuIdentity id_;
+    std::shared_ptr<InstantClock> clock_;
     int token_ = 0;
+    std::vector<uint8_t> burst_;
+    int burstLeft_ = 0;
+    int burstBudget_ = 4096;
+    uint32_t burstCount_ = 0;
+    uint64_t ticks_ = 0;
+    uint32_t tickStep_ = 0;
+    int syncEvery_ = 1;
+    uint32_t hostStepUs_ = 0;
 };
 
 // The USB side of the MCU recovery: a list of up to three devices whose bus

@@ -46,8 +46,20 @@ T recordFrom(fuzz::Input& in) {
     return record;
 }
 
-void runOperation(IMUHidReader& r, fuzz::Input& in, unsigned int wanted) {
-    switch (in.byte() % 28) {
+// A long stream of sample reports from one template: the clock pairing over
+// 100 frame triggers, the ping every 400 reads, the median of the pressure.
+void runBurst(IMUHidReader& r, fuzz::Input& in, fuzz::FuzzHid& hid) {
+    const int asked = 4 * in.byte() + 1;
+    const uint32_t tickStep = in.u16();
+    const int syncEvery = in.byte() % 16;
+    const uint32_t hostStepUs = in.u16();
+    const int count = hid.startBurst(in.bytes(62), asked, tickStep, syncEvery, hostStepUs);
+    for (int i = 0; i < count; ++i)
+        r.updateIMUData(false);
+}
+
+void runOperation(IMUHidReader& r, fuzz::Input& in, unsigned int wanted, fuzz::FuzzHid& hid) {
+    switch (in.byte() % 29) {
         case 0:
         case 1:
         case 2:
@@ -173,6 +185,9 @@ void runOperation(IMUHidReader& r, fuzz::Input& in, unsigned int wanted) {
             r.setTSOffset(static_cast<long>(in.u64()));
             readGetters(r);
             break;
+        case 27:
+            runBurst(r, in, hid);
+            break;
         default:
             // The engine closes and opens the reader again after a loss.
             r.close();
@@ -195,15 +210,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const uint8_t openFlags = in.byte();
     const unsigned int wanted = (openFlags & 8) != 0 ? in.u32() : 0;
 
-    auto hid = std::make_shared<fuzz::FuzzHid>(in, id);
+    auto clock = std::make_shared<fuzz::InstantClock>();
+    auto hid = std::make_shared<fuzz::FuzzHid>(in, id, clock);
     auto usb = std::make_shared<fuzz::FuzzUsb>(in);
-    platform::ScopedBackend scope(
-        platform::Backend{nullptr, usb, hid, nullptr, std::make_shared<fuzz::InstantClock>()});
+    platform::ScopedBackend scope(platform::Backend{nullptr, usb, hid, nullptr, clock});
     {
         IMUHidReader reader(false, 0x2B03, (openFlags & 4) != 0 ? 0 : 0xF681);
         reader.open(wanted, (openFlags & 1) != 0, (openFlags & 2) != 0);
         for (int op = 0; op < 64 && !in.empty(); ++op)
-            runOperation(reader, in, wanted);
+            runOperation(reader, in, wanted, *hid);
         readGetters(reader);
         reader.close();
     }

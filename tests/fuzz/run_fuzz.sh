@@ -34,6 +34,7 @@ fi
 # 10 s is a hang.
 common=(-timeout=10 -rss_limit_mb=2560 -print_final_stats=1)
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1}
+export LSAN_OPTIONS=${LSAN_OPTIONS:-suppressions=$here/lsan.supp:print_suppressions=0}
 
 dict_of() {
     local dict="$here/dict/$1.dict"
@@ -57,10 +58,12 @@ for name in "${targets[@]}"; do
             crashes="$build/fuzz-crashes/$name"
             mkdir -p "$corpus" "$crashes"
             limit=(-max_total_time="$seconds")
+            what="$seconds s"
             if [ -n "${FUZZ_RUNS:-}" ]; then
                 limit=(-runs="$FUZZ_RUNS")
+                what="$FUZZ_RUNS runs"
             fi
-            echo "== fuzz_$name: ${FUZZ_RUNS:+$FUZZ_RUNS runs}${FUZZ_RUNS:-$seconds s}"
+            echo "== fuzz_$name: $what"
             if ! "$exe" "${common[@]}" "${limit[@]}" $(dict_of "$name") -artifact_prefix="$crashes/" \
                 "$corpus" "$seeds" >"$build/fuzz-$name.log" 2>&1; then
                 echo "   FAILED: see $build/fuzz-$name.log and $crashes/" >&2

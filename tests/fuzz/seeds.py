@@ -144,10 +144,16 @@ def mcu_hid():
         legacy += b"\x00\x00" + ans(report(0, 2000 + 32 * i, imu_temp=-300))
     write("mcu_hid", "legacy_eeprom_stream", identity(0x204) + b"\x00" + OPEN + legacy)
 
+    # A long stream at 400 Hz (64 ticks of 39.0625 us make 2.5 ms a report), a frame trigger
+    # every 5 reports, host time moving 2500 us a report: the clock pairing and the ping.
+    burst = b"\x1b" + bytes([255]) + struct.pack("<H", 64) + bytes([5]) + struct.pack("<H", 2500)
+    burst += report(1, 5000, env_valid=2)
+    write("mcu_hid", "feature_long_stream", identity(0x305) + b"\x00" + OPEN + burst + burst + burst + burst)
+
     # An unprogrammed MCU asked to recover: the reset report is written, the
     # device is re-opened by the caller.
     write("mcu_hid", "unprogrammed_recover",
-          identity(0x305, serial="990123456") + b"\x01" + bytes([0, 0, 0]) + b"\x01\x00" + b"\x1b\x00\x00" +
+          identity(0x305, serial="990123456") + b"\x01" + bytes([0, 0, 0]) + b"\x01\x00" + b"\x1c\x00\x00" +
           bytes([0, 0, 0]))
     write("mcu_hid", "malformed_path", identity(0x305, path="zz:yy:00") + b"\x00" + b"\x01" + b"\x00\x00" +
           ans(report(1, 7)))
@@ -316,8 +322,6 @@ def device_list():
     write("device_list", "not_uvc_driver", b"\x00" + text("/dev/video0") + first + b"\x01" + NOTHING + b"\x01" +
           ans(modalias) + NOTHING + ans(capability(driver=b"uvcvideo_but_longer")))
     write("device_list", "short_modalias", b"\x00" + text("/dev/v") + b"\x01" + ans(b"usb:v2B03") + NOTHING)
-    write("device_list", "endless_formats", b"\x01" + text("/dev/video0") + first + b"\x01" + NOTHING + b"\x01" +
-          ans(modalias) + NOTHING + ans(capability()))
 
 
 # --- GMSL -----------------------------------------------------------------
