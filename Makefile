@@ -7,6 +7,9 @@ JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 BUILD ?= build
 ASAN_BUILD ?= build-asan
 TSAN_BUILD ?= build-tsan
+FUZZ_BUILD ?= build-fuzz
+FUZZ_SECONDS ?= 60
+FUZZ_TEST_SECONDS ?= 5
 BUILD_TYPE ?= RelWithDebInfo
 CTEST_FLAGS ?= --output-on-failure
 
@@ -15,7 +18,8 @@ DEB_PACKAGES := cmake g++ make pkg-config ccache qtbase5-dev \
 	libbackward-cpp-dev libsimpleini-dev libeigen3-dev libgtest-dev libgmock-dev \
 	libbenchmark-dev libclang-rt-14-dev libegl-dev xvfb fonts-dejavu-core librsvg2-bin
 
-.PHONY: all deps configure build run test unit-test e2e-test asan-test tsan-test bench screenshots clean
+.PHONY: all deps configure build run test unit-test e2e-test asan-test tsan-test fuzz-build fuzz fuzz-test bench \
+	screenshots clean
 
 all: build
 
@@ -50,11 +54,13 @@ run: build
 	./$(BUILD)/kov_diagnostic -c
 
 # Everything: the normal build's suite (unit, end-to-end, GUI), then the unit
-# tests again under AddressSanitizer and UndefinedBehaviorSanitizer.
+# tests again under AddressSanitizer and UndefinedBehaviorSanitizer, the
+# threaded ones under ThreadSanitizer, and the fuzz targets' regression run.
 test:
 	@$(MAKE) --no-print-directory unit-test
 	@$(MAKE) --no-print-directory asan-test
 	@$(MAKE) --no-print-directory tsan-test
+	@$(MAKE) --no-print-directory fuzz-test
 
 unit-test: build
 	cd $(BUILD) && ctest $(CTEST_FLAGS) -j $(JOBS)
@@ -77,6 +83,26 @@ tsan-test: deps
 	cd $(TSAN_BUILD) && TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
 	    ctest $(CTEST_FLAGS) -j $(JOBS) -L threads
 
+# The libFuzzer targets of tests/fuzz: clang, coverage, AddressSanitizer and
+# UndefinedBehaviorSanitizer; optimised a little (-O1) so that each target
+# runs thousands of inputs a second, asserts kept.
+fuzz-build: deps
+	@cmake -S . -B $(FUZZ_BUILD) -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+	    -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_C_FLAGS_RELWITHDEBINFO="-O1 -g" \
+	    -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g" -DKOV_FUZZ=ON -DKOV_UNIT_ONLY=ON >/dev/null
+	@cmake --build $(FUZZ_BUILD) -j $(JOBS) --target kov_fuzz_all
+
+# Each fuzz target for FUZZ_SECONDS (FUZZ_RUNS=N: N executions instead) on a
+# working corpus in $(FUZZ_BUILD)/fuzz-corpus; new crashing inputs are left in
+# $(FUZZ_BUILD)/fuzz-crashes/<name>/ for triage. FUZZ_TARGETS="a b" picks some.
+fuzz: fuzz-build
+	tests/fuzz/run_fuzz.sh campaign $(FUZZ_BUILD) $(FUZZ_SECONDS) $(FUZZ_TARGETS)
+
+# The step of `make test`: every crash input kept under tests/fuzz/crashes
+# runs again, then each target runs FUZZ_TEST_SECONDS over its seed corpus.
+fuzz-test: fuzz-build
+	tests/fuzz/run_fuzz.sh regress $(FUZZ_BUILD) $(FUZZ_TEST_SECONDS) $(FUZZ_TARGETS)
+
 bench: build
 	@for b in $(BUILD)/bench/bench_*; do \
 	    if [ -x "$$b" ]; then "$$b" --benchmark_repetitions=5 --benchmark_report_aggregates_only=true; fi; \
@@ -87,4 +113,4 @@ screenshots: configure
 	scripts/screenshots.sh $(BUILD)
 
 clean:
-	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD)
+	rm -rf $(BUILD) $(ASAN_BUILD) $(TSAN_BUILD) $(FUZZ_BUILD)

@@ -11,6 +11,7 @@
 
 #include "bh_input/grabber/gmsl/ArgusCamera.h"
 #include "platform/Platform.h"
+#include "support/KLogger.h"
 
 namespace bh {
 
@@ -128,6 +129,10 @@ DEVICE_STATE getGrabberState(int id) {
 
 namespace {
 
+// A camera node lists a handful of formats. A driver that never ends its list
+// (every index answered) must not hold the discovery: the walk stops here.
+constexpr uint32_t kMaxFormats = 64;
+
 int parseHex4(const std::string& s, size_t pos, bool& ok) {
     int v = 0;
     for (size_t i = pos; i < pos + 4; ++i) {
@@ -224,8 +229,12 @@ BH_DEVICE findDevicePath_linux(int& path_number, int id) {
         }
         v4l2_fmtdesc fmt{};
         fmt.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-        for (fmt.index = 0; sys.ioctl(fd, VIDIOC_ENUM_FMT, &fmt) == 0; ++fmt.index) {
+        for (fmt.index = 0; fmt.index < kMaxFormats && sys.ioctl(fd, VIDIOC_ENUM_FMT, &fmt) == 0;
+             ++fmt.index) {
         }
+        if (fmt.index == kMaxFormats)
+            KLOG(LOGGER_NAME::SDK_INPUT, warn,
+                 "{} lists {} formats or more: the rest of its list is not read", path, kMaxFormats);
         sys.close(fd);
         if (found == id) {
             result = device;

@@ -263,6 +263,10 @@ public:
     // The local L4T version from the text of /etc/nv_tegra_release:
     // "# R35 (release), REVISION: 3.1, GCID: ..." gives "35.3.1".
     static std::string reduceL4TRelease(const std::string& releaseText);
+    // Whether the daemon's REPORT reply ("...#<host version>#...") names a
+    // version found in the local one; false for an empty reply or one
+    // without a second '#' field.
+    static bool l4tReplyMatches(const std::string& localVersion, const std::string& reply);
     // Takes this camera's share of the link: the first camera of the process
     // makes it, and the L4T check runs once per process.
     void joinLink();

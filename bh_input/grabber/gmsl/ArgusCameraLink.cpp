@@ -220,12 +220,16 @@ bool ArgusCamera::checkL4TVersionMatchInContainer() {
     } catch (const zmq::error_t&) {
         return false;
     }
+    return l4tReplyMatches(local, reply);
+}
+
+bool ArgusCamera::l4tReplyMatches(const std::string& localVersion, const std::string& reply) {
     if (reply.empty())
         return false;
     const std::vector<std::string> fields = split(reply, '#');
     if (fields.size() < 2)
         return false;
-    return local.find(fields[1]) != std::string::npos;
+    return localVersion.find(fields[1]) != std::string::npos;
 }
 
 void ArgusCamera::joinLink() {

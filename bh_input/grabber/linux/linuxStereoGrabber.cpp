@@ -30,6 +30,15 @@ constexpr int kFirstFrameWaitMs = 2000;
 constexpr int64_t kMaxSlewUs = 4000;
 constexpr int kMaxIMUSyncTries = 10;
 
+// A driver time stamp is a time of the monotonic clock: never negative, its
+// microseconds below one second, and (here) below about 31 years of uptime.
+// Beyond that the sums of the producer could overflow.
+constexpr int64_t kMaxStampSeconds = 1000000000;
+
+bool plausibleStamp(const timeval& t) {
+    return t.tv_sec >= 0 && t.tv_sec <= kMaxStampSeconds && t.tv_usec >= 0 && t.tv_usec < 1000000;
+}
+
 // A V4L2 record cleared the way the API asks (reserved fields zero).
 template <typename T>
 T cleared() {
@@ -406,6 +415,7 @@ void LinuxStereoGrabber::thread_producer() {
     int64_t first_t_us = 0;
     int64_t first_wall_ns = 0;
     const size_t frameBytes = static_cast<size_t>(width) * static_cast<size_t>(height) * 2;
+    bool bad_stamp_reported = false;
 
     auto buf = cleared<v4l2_buffer>();
     while (!stop.load()) {
@@ -430,8 +440,19 @@ void LinuxStereoGrabber::thread_producer() {
         }
 
         current_index = static_cast<int>(buf.index);
-        int64_t t_us = static_cast<int64_t>(buf.timestamp.tv_sec) * 1000000 +
-                       static_cast<int64_t>(buf.timestamp.tv_usec) + offset_us;
+        // A stamp no clock can give is replaced by the time of the dequeue.
+        int64_t stamp_us = platform::clock().steadyNanoseconds() / 1000;
+        if (plausibleStamp(buf.timestamp)) {
+            stamp_us = static_cast<int64_t>(buf.timestamp.tv_sec) * 1000000 +
+                       static_cast<int64_t>(buf.timestamp.tv_usec);
+        } else if (!bad_stamp_reported) {
+            KLOG(LOGGER_NAME::SDK_INPUT, warn,
+                 "[Capture] the driver's frame time stamp {}.{:06} s is not a clock time: frames without a "
+                 "usable stamp take the time they are received",
+                 static_cast<int64_t>(buf.timestamp.tv_sec), static_cast<int64_t>(buf.timestamp.tv_usec));
+            bad_stamp_reported = true;
+        }
+        int64_t t_us = stamp_us + offset_us;
         const int64_t rel_ns = (t_us - start_mono_ns / 1000) * 1000;
 
         // Slew the driver clock to the wall clock, at most 4 ms a frame.

@@ -72,6 +72,17 @@ TEST(GmslLinkRelease, ReducedCharacterByCharacter) {
     EXPECT_EQ(ArgusCamera::reduceL4TRelease("1,2,3"), "1,2");
 }
 
+TEST(GmslLinkRelease, ReplyFieldTwoIsLookedUpInTheLocalVersion) {
+    EXPECT_TRUE(ArgusCamera::l4tReplyMatches("35.3.1", "KOVQ#35.3.1#REPORT"));
+    EXPECT_TRUE(ArgusCamera::l4tReplyMatches("35.3.1", "KOVQ#35.3"));
+    EXPECT_FALSE(ArgusCamera::l4tReplyMatches("35.3", "KOVQ#35.3.1"));
+    EXPECT_FALSE(ArgusCamera::l4tReplyMatches("35.3.1", "KOVQ#36.4.0#"));
+    EXPECT_FALSE(ArgusCamera::l4tReplyMatches("35.3.1", ""));
+    EXPECT_FALSE(ArgusCamera::l4tReplyMatches("35.3.1", "35.3.1"));
+    // An empty second field is found in any local version.
+    EXPECT_TRUE(ArgusCamera::l4tReplyMatches("35.3.1", "KOVQ##"));
+}
+
 // ---- the unit file
 
 TEST_F(LinkTest, PortsReadFromTheUnitFile) {

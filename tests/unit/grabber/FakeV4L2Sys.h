@@ -36,6 +36,10 @@ public:
         uint32_t bytesused = 0;
         uint32_t length = 0;
         uint8_t fill = 0;  // the byte written into the buffer
+        // The driver's time stamp; unset, the count of dequeues in seconds.
+        bool stamped = false;
+        long sec = 0;
+        long usec = 0;
     };
 
     // Knobs.
@@ -200,8 +204,9 @@ public:
                 b->index = d.index;
                 b->bytesused = d.bytesused;
                 b->length = d.length;
-                b->timestamp.tv_sec = static_cast<long>(++dequeued_);
-                b->timestamp.tv_usec = 0;
+                ++dequeued_;
+                b->timestamp.tv_sec = d.stamped ? d.sec : dequeued_;
+                b->timestamp.tv_usec = d.stamped ? d.usec : 0;
                 auto m = memory_.find(static_cast<off_t>(d.index) * 0x1000000);
                 if (fillOnDequeue && m != memory_.end())
                     std::memset(m->second.data(), d.fill, m->second.size());

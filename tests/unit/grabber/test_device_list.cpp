@@ -1,11 +1,14 @@
 #include <gtest/gtest.h>
+#include <linux/videodev2.h>
 
 #include <chrono>
 
 #include "SimScenario.h"
 #include "bh_input/grabber/DeviceList.h"
+#include "platform/Platform.h"
 #include "sim/Builtins.h"
 #include "sim/SimBackend.h"
+#include "tests/unit/common/ForwardingSys.h"
 
 using namespace bh;
 using testsupport::ScopedScenario;
@@ -148,6 +151,32 @@ TEST(DeviceList, CapitalHexModaliasFoundByNodeSearch) {
         EXPECT_EQ(findDevicePath_linux(n, 0), BH_DEVICE_KOV_P_CBS) << alias;
         EXPECT_EQ(n, 3);
     }
+}
+
+// A driver that answers every format index, however high: the walk of the
+// format list must end by itself.
+TEST(DeviceList, EndlessFormatListIsCutAndTheCameraStillFound) {
+    class EndlessFormats : public testsupport::ForwardingSys {
+    public:
+        using ForwardingSys::ForwardingSys;
+        int ioctl(int fd, unsigned long request, void* arg) override {
+            if (request != VIDIOC_ENUM_FMT)
+                return ForwardingSys::ioctl(fd, request, arg);
+            ++asked;
+            return 0;
+        }
+        long asked = 0;
+    };
+    auto machine = machineWithModalias("usb:v2B03pF682d0100");
+    platform::Backend backend = sim::makeBackend(machine);
+    auto sys = std::make_shared<EndlessFormats>(backend.sys);
+    backend.sys = sys;
+    platform::ScopedBackend scope(backend);
+    int n = -1;
+    EXPECT_EQ(findDevicePath_linux(n, 0), BH_DEVICE_KOV_P_CBS);
+    EXPECT_EQ(n, 3);
+    EXPECT_GE(sys->asked, 1);
+    EXPECT_LE(sys->asked, 64);
 }
 
 TEST(DeviceList, NodesThatAreNotCamerasAreSkipped) {

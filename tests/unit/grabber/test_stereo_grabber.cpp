@@ -5,6 +5,8 @@
 #include <linux/videodev2.h>
 
 #include <chrono>
+#include <cstdlib>
+#include <limits>
 #include <memory>
 #include <thread>
 
@@ -209,6 +211,37 @@ TEST(StereoGrabberStream, FramesFlowWithoutEngineAndNoSyncWarning) {
     grabber.destruct();
     for (const std::string& line : log.lines())
         EXPECT_EQ(line.find("not synchronized"), std::string::npos) << line;
+}
+
+// Time stamps that no clock gives (negative, microseconds beyond a second,
+// seconds near the largest number): the frames still come, stamped with the
+// time they were received, and the odd stamp is reported once.
+TEST(StereoGrabberStream, ImpossibleTimeStampsGiveTheReceptionTime) {
+    testlog::LogCapture log;
+    FakeNode node;
+    bh::LinuxStereoGrabber grabber(false);
+    const uint32_t bytes = 1344 * 376 * 2;
+    const long huge = std::numeric_limits<long>::max();
+    const long lowest = std::numeric_limits<long>::min();
+    node.sys->script({0, bytes, bytes, 1, true, -360287969190639680L, 0});
+    node.sys->script({1, bytes, bytes, 2, true, huge, huge});
+    node.sys->script({0, bytes, bytes, 3, true, 5, -5});
+    node.sys->script({1, bytes, bytes, 4, true, lowest, 999999});
+    ASSERT_EQ(grabber.construct(FakeV4L2Sys::kPath, 1344, 376, 100, 2), 0);
+    ASSERT_TRUE(grabber.startCapture());
+    ASSERT_TRUE(
+        testsupport::waitFor([&] { return node.sys->scriptLeft() == 0 && grabber.getFrameCount() >= 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    const int64_t now = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                            std::chrono::system_clock::now().time_since_epoch())
+                            .count();
+    const int64_t delivered = static_cast<int64_t>(grabber.getDeliveredTimestamp());
+    EXPECT_LT(std::llabs(now - delivered), 60LL * 1000000000LL) << delivered;
+    grabber.destruct();
+    int reports = 0;
+    for (const std::string& line : log.lines())
+        reports += line.find("is not a clock time") != std::string::npos ? 1 : 0;
+    EXPECT_EQ(reports, 1);
 }
 
 TEST(StereoGrabberStream, NewFrameMarkIsClearedByGetPixels) {
