@@ -3,6 +3,7 @@
 #include <sys/sysinfo.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -249,7 +250,11 @@ void ProcessorNode::getCoresThreads(QJsonObject& result) {
     const long perCore = std::strtol(threads.c_str(), nullptr, 10);
     const long count = std::strtol(cores.c_str(), nullptr, 10);
     result.insert("coreCount", QString::fromStdString(cores));
-    result.insert("threadCount", QString::number(static_cast<long long>(count) * perCore));
+    // Absurd answers are clamped rather than overflowing the product.
+    long long threadTotal = 0;
+    if (__builtin_mul_overflow(static_cast<long long>(count), static_cast<long long>(perCore), &threadTotal))
+        threadTotal = (count < 0) != (perCore < 0) ? LLONG_MIN : LLONG_MAX;
+    result.insert("threadCount", QString::number(threadTotal));
     result.insert("hyperThreading", QString(perCore > 1 ? "1" : "0"));
 }
 

@@ -122,6 +122,14 @@ TEST_F(ProcessorFixture, ThreeCoresWarnsWithTheName) {
     EXPECT_EQ(r.value("hyperThreading").toString(), "1");
 }
 
+TEST_F(ProcessorFixture, AbsurdCountsAreClampedNotOverflowed) {
+    setLscpu("99999999999999999999", "99999999999999999999");
+    ProcessorNode node;
+    const QJsonObject r = run(node);
+    EXPECT_EQ(r.value("threadCount").toString(), "9223372036854775807");
+    EXPECT_EQ(node.getPercent(), 100.f);
+}
+
 TEST_F(ProcessorFixture, EmptyLscpuAnswerCannotIdentify) {
     setLscpu("", "");
     ProcessorNode node;
