@@ -23,6 +23,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -351,6 +352,12 @@ protected:
     // ---- controls helpers (ArgusCameraControls.cpp)
     int sideCount() const { return run.mono ? 1 : 2; }
     int setGainRangeOf(int side, bool digital, float min, float max);
+    // A gain range or limits of one side (0), -1 when closed.
+    float readGainRange(int side, platform::argus_types::Range<float> ArgusSideSettings::*field, float& min,
+                        float& max) const;
+    // Runs a setter for each sensor; the last result, -1 when closed.
+    int forEachSide(const std::function<int(int)>& set);
+    static float atPercent(const platform::argus_types::Range<float>& limits, int percent);
 
     // ---- frame signalling
     std::condition_variable frame_cv;

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <functional>
 
 #include "bh_input/grabber/gmsl/ArgusCamera.h"
 
@@ -119,12 +120,7 @@ int ArgusCamera::setManualTimeExposure(int side, unsigned long microseconds) {
 }
 
 int ArgusCamera::setAutomaticExposure() {
-    if (!opened)
-        return -1;
-    int result = 0;
-    for (int side = 0; side < sideCount(); ++side)
-        result = setFrameExposureRange(side, 0, 0);
-    return result;
+    return forEachSide([this](int side) { return setFrameExposureRange(side, 0, 0); });
 }
 
 int ArgusCamera::getFrameExposureTime(int side) {
@@ -195,10 +191,7 @@ int ArgusCamera::setAnalogFrameGainRange(int side, float min, float max) {
 int ArgusCamera::setManualAnalogGain(int side, int percent) {
     if (!opened)
         return -1;
-    const ArgusSideSettings s = getSideSettings(side);
-    const float value = s.analog_gain_limits.min + static_cast<float>(percent) *
-                                                       (s.analog_gain_limits.max - s.analog_gain_limits.min) /
-                                                       100.f;
+    const float value = atPercent(getSideSettings(side).analog_gain_limits, percent);
     return setAnalogFrameGainRange(side, value, value);
 }
 
@@ -208,12 +201,7 @@ int ArgusCamera::setManualAnalogGainReal(int side, int value) {
 }
 
 int ArgusCamera::setAutomaticAnalogGain() {
-    if (!opened)
-        return -1;
-    int result = 0;
-    for (int side = 0; side < sideCount(); ++side)
-        result = setAnalogFrameGainRange(side, 0.f, 0.f);
-    return result;
+    return forEachSide([this](int side) { return setAnalogFrameGainRange(side, 0.f, 0.f); });
 }
 
 float ArgusCamera::getAnalogFrameGain(int side) {
@@ -230,21 +218,11 @@ int ArgusCamera::getAnalogFrameGainPercent(int side) {
 }
 
 float ArgusCamera::getAnalogFrameGainRange(int side, float& min, float& max) {
-    if (!opened)
-        return -1.f;
-    const ArgusSideSettings s = getSideSettings(side);
-    min = s.analog_gain_range.min;
-    max = s.analog_gain_range.max;
-    return 0.f;
+    return readGainRange(side, &ArgusSideSettings::analog_gain_range, min, max);
 }
 
 float ArgusCamera::getAnalogGainLimits(int side, float& min, float& max) {
-    if (!opened)
-        return -1.f;
-    const ArgusSideSettings s = getSideSettings(side);
-    min = s.analog_gain_limits.min;
-    max = s.analog_gain_limits.max;
-    return 0.f;
+    return readGainRange(side, &ArgusSideSettings::analog_gain_limits, min, max);
 }
 
 int ArgusCamera::setDigitalFrameGainRange(int side, float min, float max) {
@@ -254,10 +232,7 @@ int ArgusCamera::setDigitalFrameGainRange(int side, float min, float max) {
 int ArgusCamera::setManualDigitalGain(int side, int percent) {
     if (!opened)
         return -1;
-    const ArgusSideSettings s = getSideSettings(side);
-    const float value =
-        s.digital_gain_limits.min +
-        static_cast<float>(percent) * (s.digital_gain_limits.max - s.digital_gain_limits.min) / 100.f;
+    const float value = atPercent(getSideSettings(side).digital_gain_limits, percent);
     return setDigitalFrameGainRange(side, value, value);
 }
 
@@ -267,12 +242,7 @@ int ArgusCamera::setManualDigitalGainReal(int side, int value) {
 }
 
 int ArgusCamera::setAutomaticDigitalGain() {
-    if (!opened)
-        return -1;
-    int result = 0;
-    for (int side = 0; side < sideCount(); ++side)
-        result = setDigitalFrameGainRange(side, 0.f, 0.f);
-    return result;
+    return forEachSide([this](int side) { return setDigitalFrameGainRange(side, 0.f, 0.f); });
 }
 
 float ArgusCamera::getDigitalFrameGain(int side) {
@@ -282,21 +252,35 @@ float ArgusCamera::getDigitalFrameGain(int side) {
 }
 
 float ArgusCamera::getDigitalFrameGainRange(int side, float& min, float& max) {
-    if (!opened)
-        return -1.f;
-    const ArgusSideSettings s = getSideSettings(side);
-    min = s.digital_gain_range.min;
-    max = s.digital_gain_range.max;
-    return 0.f;
+    return readGainRange(side, &ArgusSideSettings::digital_gain_range, min, max);
 }
 
 float ArgusCamera::getDigitalGainLimits(int side, float& min, float& max) {
+    return readGainRange(side, &ArgusSideSettings::digital_gain_limits, min, max);
+}
+
+// The value at `percent` between a side's limits, as a float.
+float ArgusCamera::atPercent(const at::Range<float>& limits, int percent) {
+    return limits.min + static_cast<float>(percent) * (limits.max - limits.min) / 100.f;
+}
+
+float ArgusCamera::readGainRange(int side, at::Range<float> ArgusSideSettings::*field, float& min,
+                                 float& max) const {
     if (!opened)
         return -1.f;
-    const ArgusSideSettings s = getSideSettings(side);
-    min = s.digital_gain_limits.min;
-    max = s.digital_gain_limits.max;
+    const at::Range<float> range = getSideSettings(side).*field;
+    min = range.min;
+    max = range.max;
     return 0.f;
+}
+
+int ArgusCamera::forEachSide(const std::function<int(int)>& set) {
+    if (!opened)
+        return -1;
+    int result = 0;
+    for (int side = 0; side < sideCount(); ++side)
+        result = set(side);
+    return result;
 }
 
 // ---------------------------------------------------------------------------
