@@ -39,23 +39,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <map>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "ledger_analysis.h"
+
 namespace {
 
-constexpr int64_t kMs = 1000000;
-constexpr int64_t kBandwidthRunNs = 8340 * kMs;  // the grabbing test's measuring time
-constexpr int64_t kRunnerPauseNs = 250 * kMs;
-constexpr int64_t kPollSleepNs = 10 * kMs;
-constexpr int64_t kBandwidthSleepNs = 1 * kMs;
-
-// Entry kinds of the ledger.
-constexpr int kSleep = 0;
-constexpr int kWaitKinds = 5;
-const char* const kWaitNames[kWaitKinds] = {"", "condition", "poll/select", "join", "command"};
+using namespace ledger;
 
 struct Options {
     std::string binary;
@@ -65,45 +56,6 @@ struct Options {
     int gaps = 0;
     std::vector<std::string> env;
     std::string keep;
-};
-
-struct Event {
-    int64_t tid = 0, startNs = 0, requestedNs = 0, tookNs = 0, cpuNs = 0;
-    int kind = 0;
-    int64_t queuedNs = -1;
-    int64_t endNs() const { return startNs + tookNs; }
-};
-
-struct Gap {
-    int64_t ns = 0, cpuNs = 0, afterRequestedNs = 0;
-    std::array<int64_t, kWaitKinds> waitNs{};
-    size_t index = 0;
-};
-
-struct RunResult {
-    bool ok = false;
-    std::string error;
-    int64_t wallNs = 0;
-    int64_t processCpuNs = 0;
-    int64_t pausesNs = 0;
-    std::map<int64_t, std::pair<int, int64_t>> pausesBySize;  // length -> count, sum
-    bool bandwidthRun = false;
-    int64_t bandwidthSpanNs = 0;
-    // Where the overhead goes.
-    int64_t startupNs = 0;   // process start to the worker's first sleep
-    int64_t teardownNs = 0;  // the worker's last sleep to the process end
-    int64_t lateWakeNs = 0;  // sleeps that ended after the time asked for
-    int64_t gapNs = 0, gapCpuNs = 0;
-    int64_t queuedNs = 0;  // the worker, runnable but not running
-    std::array<int64_t, kWaitKinds> gapWaitNs{};
-    std::vector<Gap> longestGaps;
-    // The poll loop.
-    int polls = 0;
-    int64_t pollWallNs = 0, pollCpuNs = 0;
-
-    int64_t overheadNs() const { return wallNs - pausesNs; }
-    int64_t ownNs() const { return overheadNs() - queuedNs; }
-    double pollSharePercent() const { return pollWallNs > 0 ? 100.0 * pollCpuNs / pollWallNs : 0.0; }
 };
 
 int64_t monotonicNs() {
@@ -186,17 +138,28 @@ std::string absolute(const std::string& path) {
     _exit(127);
 }
 
+// One run of the tool: its process, then the analysis of its ledger.
+struct RunResult : Analysis {
+    int64_t processCpuNs = 0;
+};
+
+// What the process did, as seen from outside.
+struct Process {
+    std::string error;
+    int64_t startNs = 0, wallNs = 0, cpuNs = 0;
+    std::string output;
+};
+
 // Starts the tool on a new pseudo terminal and keeps what it prints until it
-// ends; fills the wall time and the CPU time, and the start time.
-bool runOnTerminal(const Options& o, const std::string& work, const std::string& ledger, RunResult& r,
-                   int64_t& startNs, std::string& output) {
+// ends; fills the start time, the wall time and the CPU time.
+bool runOnTerminal(const Options& o, const std::string& work, const std::string& ledger, Process& r) {
     const int master = posix_openpt(O_RDWR | O_NOCTTY);
     if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) {
         r.error = "no pseudo terminal";
         return false;
     }
     const std::string slave = ptsname(master);
-    startNs = monotonicNs();
+    r.startNs = monotonicNs();
     const pid_t pid = fork();
     if (pid == 0) {
         close(master);
@@ -211,7 +174,7 @@ bool runOnTerminal(const Options& o, const std::string& work, const std::string&
     for (;;) {
         const ssize_t n = read(master, buffer, sizeof buffer);
         if (n > 0) {
-            output.append(buffer, static_cast<size_t>(n));
+            r.output.append(buffer, static_cast<size_t>(n));
             continue;
         }
         if (n < 0 && errno == EINTR)
@@ -221,10 +184,10 @@ bool runOnTerminal(const Options& o, const std::string& work, const std::string&
     int status = 0;
     rusage usage{};
     wait4(pid, &status, 0, &usage);
-    r.wallNs = monotonicNs() - startNs;
+    r.wallNs = monotonicNs() - r.startNs;
     close(master);
-    r.processCpuNs = (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000000000LL +
-                     (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) * 1000LL;
+    r.cpuNs = (usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1000000000LL +
+              (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) * 1000LL;
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
         r.error = "the tool ended with status " + std::to_string(status);
         return false;
@@ -232,149 +195,17 @@ bool runOnTerminal(const Options& o, const std::string& work, const std::string&
     return true;
 }
 
-bool readLedger(const std::string& path, int64_t& pid, std::vector<Event>& events, std::string& error) {
+bool readLedger(const std::string& path, Ledger& ledger, std::string& error) {
     std::ifstream in(path);
-    std::string header;
-    if (!std::getline(in, header)) {
-        error = "no ledger written (is the library preloaded?)";
+    if (!in) {
+        error = "no ledger written (was the library preloaded?)";
         return false;
     }
-    std::istringstream h(header);
-    std::string hash, word;
-    size_t count = 0, lost = 0;
-    if (!(h >> hash >> word >> pid >> word >> count >> word >> lost) || hash != "#") {
-        error = "the ledger's first line is not its header";
+    if (!parseLedger(in, ledger, error)) {
+        error = path + ": " + error;
         return false;
-    }
-    if (lost != 0) {
-        error = "the ledger overflowed";
-        return false;
-    }
-    Event e;
-    while (in >> e.tid >> e.startNs >> e.requestedNs >> e.tookNs >> e.cpuNs >> e.kind >> e.queuedNs) {
-        if (e.kind < 0 || e.kind >= kWaitKinds) {
-            error = "unknown entry kind in the ledger";
-            return false;
-        }
-        events.push_back(e);
     }
     return true;
-}
-
-// The longest stretch [begin, end) of consecutive 1 ms sleeps.
-std::pair<size_t, size_t> bandwidthStretch(const std::vector<Event>& sleeps) {
-    size_t bestBegin = 0, bestEnd = 0;
-    int64_t bestSpan = 0;
-    for (size_t i = 0; i < sleeps.size();) {
-        size_t j = i;
-        while (j < sleeps.size() && sleeps[j].requestedNs == kBandwidthSleepNs)
-            ++j;
-        if (j == i) {
-            ++i;
-            continue;
-        }
-        const int64_t span = sleeps[j - 1].endNs() - sleeps[i].startNs;
-        if (span > bestSpan) {
-            bestSpan = span;
-            bestBegin = i;
-            bestEnd = j;
-        }
-        i = j;
-    }
-    return {bestBegin, bestEnd};
-}
-
-void analyse(int64_t pid, int64_t processStartNs, std::vector<Event> events, size_t gapCount, RunResult& r) {
-    std::sort(events.begin(), events.end(),
-              [](const Event& a, const Event& b) { return a.startNs < b.startNs; });
-    int64_t worker = -1;
-    for (const Event& e : events) {
-        if (e.kind == kSleep && e.tid != pid && e.requestedNs == kRunnerPauseNs) {
-            worker = e.tid;
-            break;
-        }
-    }
-    if (worker < 0) {
-        r.error = "no thread made the runner's 250 ms pause";
-        return;
-    }
-    std::vector<Event> sleeps, waits, polls;
-    for (const Event& e : events) {
-        if (e.tid == worker)
-            (e.kind == kSleep ? sleeps : waits).push_back(e);
-        else if (e.tid == pid && e.kind == kSleep && e.requestedNs == kPollSleepNs)
-            polls.push_back(e);
-    }
-
-    const auto [bwBegin, bwEnd] = bandwidthStretch(sleeps);
-    if (bwEnd > bwBegin) {
-        r.bandwidthSpanNs = sleeps[bwEnd - 1].endNs() - sleeps[bwBegin].startNs;
-        // A stretch shorter than most of the run is some other 1 ms wait.
-        r.bandwidthRun = r.bandwidthSpanNs > kBandwidthRunNs * 9 / 10;
-    }
-    auto inBandwidthRun = [&, bwBegin = bwBegin, bwEnd = bwEnd](size_t i) {
-        return r.bandwidthRun && i >= bwBegin && i < bwEnd;
-    };
-    for (size_t i = 0; i < sleeps.size(); ++i) {
-        if (inBandwidthRun(i))
-            continue;
-        r.pausesNs += sleeps[i].requestedNs;
-        r.lateWakeNs += sleeps[i].tookNs - sleeps[i].requestedNs;
-        auto& bucket = r.pausesBySize[sleeps[i].requestedNs];
-        bucket.first += 1;
-        bucket.second += sleeps[i].requestedNs;
-    }
-    if (r.bandwidthRun)
-        r.pausesNs += kBandwidthRunNs;
-
-    // Run-queue time from the first sleep to the last, less the bandwidth run's.
-    int64_t firstQueued = -1, lastQueued = -1;
-    for (const Event& e : sleeps) {
-        if (e.queuedNs < 0)
-            continue;
-        if (firstQueued < 0)
-            firstQueued = e.queuedNs;
-        lastQueued = e.queuedNs;
-    }
-    r.queuedNs = firstQueued >= 0 ? lastQueued - firstQueued : 0;
-    if (r.bandwidthRun && sleeps[bwBegin].queuedNs >= 0 && sleeps[bwEnd - 1].queuedNs >= 0)
-        r.queuedNs -= sleeps[bwEnd - 1].queuedNs - sleeps[bwBegin].queuedNs;
-
-    r.startupNs = sleeps.front().startNs - processStartNs;
-    r.teardownNs = processStartNs + r.wallNs - sleeps.back().endNs();
-
-    // The stretches between two sleeps, and the worker's waits inside them.
-    std::vector<Gap> gaps;
-    size_t w = 0;
-    for (size_t i = 1; i < sleeps.size(); ++i) {
-        Gap g;
-        g.ns = sleeps[i].startNs - sleeps[i - 1].endNs();
-        g.cpuNs = sleeps[i].cpuNs - sleeps[i - 1].cpuNs;
-        g.afterRequestedNs = sleeps[i - 1].requestedNs;
-        g.index = i;
-        while (w < waits.size() && waits[w].startNs < sleeps[i].startNs) {
-            if (waits[w].startNs >= sleeps[i - 1].endNs())
-                g.waitNs[static_cast<size_t>(waits[w].kind)] += waits[w].tookNs;
-            ++w;
-        }
-        if (inBandwidthRun(i - 1) && inBandwidthRun(i))
-            continue;  // inside the bandwidth run: counted in its 8.34 s
-        r.gapNs += g.ns;
-        r.gapCpuNs += g.cpuNs;
-        for (int k = 1; k < kWaitKinds; ++k)
-            r.gapWaitNs[static_cast<size_t>(k)] += g.waitNs[static_cast<size_t>(k)];
-        gaps.push_back(g);
-    }
-    std::sort(gaps.begin(), gaps.end(), [](const Gap& a, const Gap& b) { return a.ns > b.ns; });
-    gaps.resize(std::min(gaps.size(), gapCount));
-    r.longestGaps = gaps;
-
-    if (polls.size() >= 2) {
-        r.polls = static_cast<int>(polls.size());
-        r.pollWallNs = polls.back().startNs - polls.front().startNs;
-        r.pollCpuNs = polls.back().cpuNs - polls.front().cpuNs;
-    }
-    r.ok = true;
 }
 
 void printRun(int run, const RunResult& r) {
@@ -385,16 +216,16 @@ void printRun(int run, const RunResult& r) {
                 seconds(r.gapNs - r.gapCpuNs), seconds(r.queuedNs), seconds(r.ownNs()),
                 seconds(r.processCpuNs), r.polls, r.pollSharePercent());
     std::printf("      the worker's waits between its sleeps:");
-    for (int k = 1; k < kWaitKinds; ++k)
-        std::printf(" %s %.3f s%s", kWaitNames[k], seconds(r.gapWaitNs[static_cast<size_t>(k)]),
-                    k + 1 < kWaitKinds ? "," : "\n");
+    for (int k = 1; k < kKinds; ++k)
+        std::printf(" %s %.3f s%s", kKindNames[k], seconds(r.gapWaitNs[static_cast<size_t>(k)]),
+                    k + 1 < kKinds ? "," : "\n");
     for (const Gap& g : r.longestGaps) {
         std::printf("      %7.3f s between sleeps #%zu and #%zu (after one of %.3f ms): CPU %.3f s",
                     seconds(g.ns), g.index - 1, g.index, static_cast<double>(g.afterRequestedNs) / kMs,
                     seconds(g.cpuNs));
-        for (int k = 1; k < kWaitKinds; ++k) {
+        for (int k = 1; k < kKinds; ++k) {
             if (g.waitNs[static_cast<size_t>(k)] > 0)
-                std::printf(", %s %.3f s", kWaitNames[k], seconds(g.waitNs[static_cast<size_t>(k)]));
+                std::printf(", %s %.3f s", kKindNames[k], seconds(g.waitNs[static_cast<size_t>(k)]));
         }
         std::printf("\n");
     }
@@ -415,6 +246,12 @@ int main(int argc, char** argv) {
     o.binary = absolute(o.binary);
     o.ledgerLibrary = absolute(o.ledgerLibrary);
     o.scenario = absolute(o.scenario);
+    for (const std::string& file : {o.binary, o.ledgerLibrary, o.scenario}) {
+        if (access(file.c_str(), R_OK) != 0) {
+            std::fprintf(stderr, "diagnosis_timing: cannot read %s\n", file.c_str());
+            return 2;
+        }
+    }
 
     std::printf("scenario %s, %d runs on a pseudo terminal; seconds unless marked\n", o.scenario.c_str(),
                 o.runs);
@@ -434,16 +271,16 @@ int main(int argc, char** argv) {
         }
         const std::string ledger = std::string(work) + "/ledger.txt";
         RunResult r;
-        std::string output;
-        int64_t processStart = 0;
-        if (runOnTerminal(o, work, ledger, r, processStart, output)) {
-            int64_t pid = 0;
-            std::vector<Event> events;
-            if (readLedger(ledger, pid, events, r.error))
-                analyse(pid, processStart, events, static_cast<size_t>(o.gaps), r);
-        }
+        Process process;
+        Ledger record;
+        if (!runOnTerminal(o, work, ledger, process))
+            r.error = process.error;
+        else if (readLedger(ledger, record, r.error))
+            static_cast<Analysis&>(r) =
+                analyse(record, process.startNs, process.wallNs, static_cast<size_t>(o.gaps));
+        r.processCpuNs = process.cpuNs;
         if (!o.keep.empty()) {
-            std::ofstream(o.keep + "/run" + std::to_string(run) + ".out") << output;
+            std::ofstream(o.keep + "/run" + std::to_string(run) + ".out") << process.output;
             std::rename(ledger.c_str(), (o.keep + "/run" + std::to_string(run) + ".ledger").c_str());
         }
         const std::string cleanup = std::string("rm -rf '") + work + "'";
