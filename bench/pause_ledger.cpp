@@ -1,24 +1,27 @@
 // Pause ledger: a library preloaded (LD_PRELOAD) into the diagnostic tool that
 // records every sleep the process takes, whatever the sleep point:
 // std::this_thread::sleep_for and the real platform clock both end in
-// nanosleep, the C library's usleep and clock_nanosleep are caught too. It
+// nanosleep; the C library's usleep and clock_nanosleep are caught too. It
 // also records the blocking waits that are not sleeps (condition variables,
-// poll and select, thread joins, child processes), so that the time a thread
-// spends between its sleeps can be told apart into work and waiting. Each
-// entry is one line of the file named by KOV_PAUSE_LEDGER, written when the
-// process ends:
+// poll and select, thread joins, commands), so that the time a thread spends
+// between two of its sleeps can be told apart into work and waiting.
+//
+// Nothing is recorded unless KOV_PAUSE_LEDGER names a file. The file is
+// written when the process ends: a first line "# pid <pid> events <n> lost
+// <n>", then one line per entry:
 //
 //   <thread id> <start ns> <requested ns> <took ns> <thread CPU ns at start> <kind> <queued ns>
 //
-// Kinds: 0 sleep, 1 condition variable, 2 poll or select, 3 thread join, 4
-// child process (a wait for one, or a command's pipe from popen to pclose). "requested" is the sleep's length
-// or the wait's time-out (-1 for none). Times are CLOCK_MONOTONIC; the thread CPU time
-// (CLOCK_THREAD_CPUTIME_ID) lets a reader work out what a thread spent between
-// two entries. Before each sleep of 1 ms or more the thread's time spent
-// runnable but waiting for a core so far (the kernel's schedstat) is read
-// into "queued"; it is -1 elsewhere. The first line is "# pid <pid> events <n> lost <n>". Nothing
-// is recorded when the variable is not set. bench/diagnosis_timing.cpp reads
-// the file.
+// - kind: 0 sleep, 1 condition variable, 2 poll or select, 3 thread join,
+//   4 command (a wait for a child, or a pipe from popen to pclose);
+// - requested: the sleep's length, or the wait's time-out (-1 for none);
+// - times are CLOCK_MONOTONIC; the thread CPU time (CLOCK_THREAD_CPUTIME_ID)
+//   tells what a thread spent between two entries;
+// - queued: before each sleep of 1 ms or more, the time the thread has spent
+//   so far runnable but waiting for a core (the kernel's schedstat); -1
+//   elsewhere.
+//
+// bench/ledger_analysis.cpp reads the file.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -43,7 +46,7 @@ struct Event {
     int64_t tid;
     int64_t startNs;
     int64_t requestedNs;
-    int64_t sleptNs;
+    int64_t tookNs;
     int64_t cpuNs;
     int kind;
     int64_t queuedNs;
@@ -52,13 +55,15 @@ struct Event {
 
 enum Kind { kSleep = 0, kCondition = 1, kPoll = 2, kJoin = 3, kChild = 4 };
 
-// Room for a diagnosis many times over (it takes about 30,000 sleeps); the
-// array is zero-filled memory that the kernel maps only when it is touched.
+// Room for a diagnosis many times over (it makes some tens of thousands of
+// entries); the array is zero-filled memory that the kernel maps only where
+// it is touched.
 constexpr size_t kCapacity = size_t{1} << 20;
 Event events[kCapacity];
 std::atomic<size_t> used{0};
 std::atomic<size_t> lost{0};
-bool enabled = false;
+std::atomic<bool> enabled{false};
+char ledgerPath[4096];  // the file to write, kept from the environment
 
 using NanosleepFn = int (*)(const timespec*, timespec*);
 using ClockNanosleepFn = int (*)(clockid_t, int, const timespec*, timespec*);
@@ -107,7 +112,7 @@ int64_t toNs(const timespec* ts) {
 
 // Opens an entry before the sleep or wait; null when the ledger is off or full.
 Event* begin(int64_t requestedNs, int kind = kSleep) {
-    if (!enabled)
+    if (!enabled.load(std::memory_order_relaxed))
         return nullptr;
     const size_t index = used.fetch_add(1, std::memory_order_relaxed);
     if (index >= kCapacity) {
@@ -135,7 +140,7 @@ OpenPipe pipes[64];
 void end(Event* e) {
     if (e == nullptr)
         return;
-    e->sleptNs = nowNs(CLOCK_MONOTONIC) - e->startNs;
+    e->tookNs = nowNs(CLOCK_MONOTONIC) - e->startNs;
     e->complete.store(true, std::memory_order_release);
 }
 
@@ -156,16 +161,26 @@ void resolve() {
 __attribute__((constructor)) void startLedger() {
     resolve();
     const char* path = std::getenv("KOV_PAUSE_LEDGER");
-    enabled = path != nullptr && *path != '\0';
+    if (path == nullptr || *path == '\0')
+        return;
+    const int length = std::snprintf(ledgerPath, sizeof ledgerPath, "%s", path);
+    if (length < 0 || static_cast<size_t>(length) >= sizeof ledgerPath) {
+        std::fprintf(stderr, "pause ledger: the path in KOV_PAUSE_LEDGER is too long\n");
+        return;
+    }
+    // The commands the tool runs are not measured, and must not write the
+    // file in their turn: they do not inherit the ledger.
+    unsetenv("KOV_PAUSE_LEDGER");
+    unsetenv("LD_PRELOAD");
+    enabled = true;
 }
 
 // Runs after the program's own static destructors: the preloaded library is
 // the last one finalised.
 __attribute__((destructor)) void writeLedger() {
-    const char* path = std::getenv("KOV_PAUSE_LEDGER");
-    if (!enabled || path == nullptr)
+    if (!enabled.exchange(false))
         return;
-    enabled = false;
+    const char* path = ledgerPath;
     std::FILE* out = std::fopen(path, "w");
     if (out == nullptr) {
         std::fprintf(stderr, "pause ledger: cannot write %s\n", path);
@@ -181,7 +196,7 @@ __attribute__((destructor)) void writeLedger() {
             continue;  // a sleep still under way on a thread that outlives main
         std::fprintf(out, "%lld %lld %lld %lld %lld %d %lld\n", static_cast<long long>(e.tid),
                      static_cast<long long>(e.startNs), static_cast<long long>(e.requestedNs),
-                     static_cast<long long>(e.sleptNs), static_cast<long long>(e.cpuNs), e.kind,
+                     static_cast<long long>(e.tookNs), static_cast<long long>(e.cpuNs), e.kind,
                      static_cast<long long>(e.queuedNs));
     }
     std::fclose(out);
