@@ -30,6 +30,9 @@ public:
 
     // The thread body.
     static void runDiagnostic(DiagnosticRunner* self);
+    // Makes the calling thread's sleeps end when asked, without the kernel's
+    // timer slack; the thread body calls it first.
+    static void useExactSleeps();
 
     // Starts the worker on `thread` (the owner keeps the pointer; a restart
     // joins the previous thread first).

@@ -1,28 +1,34 @@
-// Takes the screenshots of the documentation: the splash, a run in progress, a
-// finished run with errors and one node's messages open, and the model
-// selector. The window is the real one, driven by scripted nodes so that the
-// pictures do not depend on the machine. Run it on a display (the screenshot
-// script starts Xvfb): `gui_screenshots <output folder>`.
+// Takes the screenshots of the documentation from the tool's own window over
+// the real node list, on the machine the environment describes (a simulated
+// camera from KOV_SIMULATION, the stand-in host of scripts/standin_jetson.sh).
+// Run it on a display (scripts/screenshots.sh starts Xvfb):
+//
+//   gui_screenshots splash <folder>           splash.png
+//   gui_screenshots healthy <folder>          run_in_progress.png (the camera test
+//                                             working), finished_healthy.png
+//   gui_screenshots errors <folder> [row]     finished_with_errors.png, with the
+//                                             row's messages open (default "Devices")
+//   gui_screenshots models <folder>           model_selector.png: three models
+//                                             optimised, two more ticked
 #include <QApplication>
 #include <QDir>
-#include <QElapsedTimer>
-#include <QFile>
 #include <QPushButton>
-#include <QTemporaryDir>
 #include <QTest>
 
 #include <cstdio>
+#include <memory>
+#include <string>
 
-#include "FakeNode.h"
+#include "RealRunWatch.h"
 #include "gui/GuiEntry.h"
-#include "gui/diagnosticnodewidget.h"
 #include "gui/formModel.h"
 #include "gui/mainwindow.h"
 #include "gui/modelSelector.h"
+#include "sim/Simulator.h"
 
 namespace {
 
-using M = DiagnosticNode::Message;
+constexpr int kRunTimeoutMs = 240000;  // a whole diagnosis, with room for a busy machine
 
 bool save(QWidget& widget, const QString& path) {
     QTest::qWait(400);  // let the icons and the fold-out animation settle
@@ -31,7 +37,7 @@ bool save(QWidget& widget, const QString& path) {
     return ok;
 }
 
-bool waitFor(const std::function<bool()>& condition, int timeoutMs = 20000) {
+bool waitFor(const std::function<bool()>& condition, int timeoutMs) {
     QElapsedTimer timer;
     timer.start();
     while (!condition()) {
@@ -42,87 +48,96 @@ bool waitFor(const std::function<bool()>& condition, int timeoutMs = 20000) {
     return true;
 }
 
-const char* kLink = " style='color: #d9ff42;' ";
+bool splash(QApplication& app, const QString& out) {
+    MainWindow window(nullptr, &app, false, false);
+    window.show();
+    return save(window, out + "/splash.png");
+}
+
+// A whole run: a picture while the camera test works, one at the end.
+bool healthy(QApplication& app, const QString& out) {
+    MainWindow window(nullptr, &app, true, false);
+    window.show();
+    DiagnosticNodeWidget* camera = rowNamed(window, "Camera Test");
+    if (camera == nullptr)
+        return false;
+    bool ok = waitFor(
+        [&] {
+            return camera->getVisualState() == DiagnosticNodeWidget::STATE_RUNNING &&
+                   camera->getNode()->getPercent() >= 50.f;
+        },
+        kRunTimeoutMs);
+    ok = ok && save(window, out + "/run_in_progress.png");
+    RunWatch watch(window);
+    ok = ok && watch.waitForVerdicts(kRunTimeoutMs);
+    return ok && save(window, out + "/finished_healthy.png");
+}
+
+// A run that ends with errors, one row's messages open.
+bool errors(QApplication& app, const QString& out, const std::string& rowName) {
+    MainWindow window(nullptr, &app, true, false);
+    window.show();
+    RunWatch watch(window);
+    if (!watch.waitForVerdicts(kRunTimeoutMs))
+        return false;
+    DiagnosticNodeWidget* row = rowNamed(window, rowName);
+    if (row == nullptr || !openFoldOut(row)) {
+        std::fprintf(stderr, "no row \"%s\" to open\n", rowName.c_str());
+        return false;
+    }
+    return save(window, out + "/finished_with_errors.png");
+}
+
+// The model selector with three models optimised by the stand-in AI library
+// and two more ticked.
+bool models(QApplication& app, const QString& out) {
+    MainWindow window(nullptr, &app, false, false);
+    ModelSelector* selector = window.modelSelector;
+    selector->fill();
+    if (selector->rows().size() != 14) {
+        std::fprintf(stderr, "the model selector lists %zu models, not 14\n", selector->rows().size());
+        return false;
+    }
+    for (int model : {0, 11, 12})
+        selector->rows()[static_cast<size_t>(model)]->getOptimCheckbox()->setChecked(true);
+    QMetaObject::invokeMethod(selector, "start_optim");
+    if (!waitFor([&] { return !selector->isRunning(); }, 60000))
+        return false;
+    selector->rows()[3]->getOptimCheckbox()->setChecked(true);
+    selector->rows()[4]->getOptimCheckbox()->setChecked(true);
+    selector->resize(selector->sizeHint().expandedTo(QSize(480, 0)));
+    selector->show();
+    const bool ok = save(*selector, out + "/model_selector.png");
+    selector->hide();
+    return ok;
+}
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc < 3) {
+        std::fprintf(stderr, "usage: gui_screenshots splash|healthy|errors|models <folder> [row]\n");
+        return 2;
+    }
+    if (!sim::installFromEnvironment())
+        return 1;
+    const std::string set = argv[1];
     QCoreApplication::setAttribute(Qt::AA_EnableHighDpiScaling);
     QApplication app(argc, argv);
     setUpApplicationIdentity();
-    const QString out = argc > 1 ? QString(argv[1]) : QString("docs/screenshots");
+    const QString out = QString::fromLocal8Bit(argv[2]);
     QDir().mkpath(out);
-    bool ok = true;
 
-    FakeNode sdk("KOV SDK", {{DIAGNOSTIC_VALID, "<b>KOV SDK</b> 4.1.2 is installed."}}, 4, 60);
-    FakeNode processor(
-        "Processor",
-        {{DIAGNOSTIC_WARNING,
-          "<b>Processor: </b> 4 cores at 1.9 GHz<br/>A processor with 6 cores or more is recommended."}},
-        4, 60);
-    FakeNode gpu(
-        "Graphics Card",
-        {{DIAGNOSTIC_ERROR,
-          std::string("Unable to detect your graphics card. Please install <a href='https://download."
-                      "brennhaven.com/cuda'") +
-              kLink +
-              ">CUDA</a> and update your NVIDIA graphics <a href='https://download.brennhaven.com/"
-              "nvidia/driver'" +
-              kLink + ">drivers</a>."},
-         {DIAGNOSTIC_WARNING, "The driver is older than the one recommended for CUDA 12.2."},
-         {DIAGNOSTIC_INFO, "<b>Driver:</b> 535.104"}},
-        4, 60);
-    FakeNode aiNode("AI Models", {{DIAGNOSTIC_INFO, "No AI model is optimised yet: use <b>AI Models</b>."}},
-                    4, 60);
-    FakeNode camera("Camera Test",
-                    {{DIAGNOSTIC_NOT_TESTED, "No camera was found: the camera test was not run."}}, 4, 60);
-    FakeNode devices("Devices", {{DIAGNOSTIC_VALID, "USB 3.0 controller found."}}, 4, 60);
-    std::vector<DiagnosticNode*> nodes = {&sdk, &processor, &gpu, &aiNode, &camera, &devices};
-
-    // 1. The splash.
-    {
-        MainWindow window(nullptr, &app, false, nodes);
-        window.show();
-        ok &= save(window, out + "/splash.png");
-    }
-
-    // 2. A run in progress: the graphics check is working.
-    gpu.hold = true;
-    gpu.statusText = "Reading the graphics driver";
-    MainWindow window(nullptr, &app, true, nodes);
-    window.show();
-    ok &= waitFor([&] { return gpu.started.load(); });
-    QTest::qWait(300);
-    window.updateDiagnostic();
-    ok &= save(window, out + "/run_in_progress.png");
-
-    // 3. The finished run with the errors label and one node's messages open.
-    gpu.hold = false;
-    ok &= waitFor([&] {
-        return window.runner->finished.load() && window.findChild<QPushButton*>("saveButton")->isEnabled();
-    });
-    QTest::qWait(300);
-    for (DiagnosticNodeWidget* widget : window.nodeWidgets()) {
-        if (widget->getNode() == &gpu)
-            widget->onShowIssuesClick();
-    }
-    ok &= save(window, out + "/finished_with_errors.png");
-
-    // 4. The model selector, with a few models optimised (stand-in AI library
-    // when the script provides one) and two ticked.
-    ModelSelector* selector = window.modelSelector;
-    selector->fill();
-    if (selector->rows().size() == 14) {
-        for (int model : {0, 11, 12})
-            selector->rows()[static_cast<size_t>(model)]->getOptimCheckbox()->setChecked(true);
-        QMetaObject::invokeMethod(selector, "start_optim");
-        waitFor([&] { return !selector->isRunning(); });
-        selector->rows()[3]->getOptimCheckbox()->setChecked(true);
-        selector->rows()[4]->getOptimCheckbox()->setChecked(true);
-    }
-    selector->resize(selector->sizeHint().expandedTo(QSize(480, 0)));
-    selector->show();
-    ok &= save(*selector, out + "/model_selector.png");
-    selector->hide();
+    bool ok = false;
+    if (set == "splash")
+        ok = splash(app, out);
+    else if (set == "healthy")
+        ok = healthy(app, out);
+    else if (set == "errors")
+        ok = errors(app, out, argc > 3 ? argv[3] : "Devices");
+    else if (set == "models")
+        ok = models(app, out);
+    else
+        std::fprintf(stderr, "unknown picture set \"%s\"\n", set.c_str());
     return ok ? 0 : 1;
 }

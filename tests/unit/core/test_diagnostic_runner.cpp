@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 
 #include <QJsonArray>
 #include <QJsonObject>
@@ -117,6 +118,30 @@ TEST(DiagnosticRunner, RunsInOrderWithPausesBetweenNodesOnly) {
     EXPECT_GE(starts[1] - starts[0], std::chrono::milliseconds(240));
     EXPECT_LT(end - begin, std::chrono::seconds(5));
     EXPECT_EQ(results.keys(), (QStringList{"A", "B"}));
+}
+
+// The worker's sleeps end when asked: its timer slack is the least the kernel
+// allows, on the worker thread (and the threads its nodes start) only.
+TEST(DiagnosticRunner, WorkerSleepsWithoutTimerSlack) {
+    // The owner's thread keeps its own setting (tests above may have run the
+    // body on this thread, so it is set to a known value first).
+    const unsigned long ownerSlack = 50000;
+    ASSERT_EQ(prctl(PR_SET_TIMERSLACK, ownerSlack, 0, 0, 0), 0);
+    FakeNode a("A");
+    long workerSlack = -1;
+    long nodeThreadSlack = -1;
+    a.onRun = [&] {
+        workerSlack = prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0);
+        std::thread([&] { nodeThreadSlack = prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0); }).join();
+    };
+    DiagnosticRunner runner;
+    runner.nodes = {&a};
+    runner.start();
+    ASSERT_TRUE(waitFinished(runner));
+    runner.stopAndJoin();
+    EXPECT_EQ(workerSlack, 1);
+    EXPECT_EQ(nodeThreadSlack, 1);
+    EXPECT_EQ(prctl(PR_GET_TIMERSLACK, 0, 0, 0, 0), static_cast<long>(ownerSlack));
 }
 
 TEST(DiagnosticRunner, SecondRunGivesEachNodeAFreshObject) {
